@@ -1,0 +1,154 @@
+// The common part of every collection class: an ordered, 1-based list of
+// shared element references, each with an optional unique string key.
+//
+// Contract:
+//  - Item(i) / Remove(i) take a position 1..Count(); Item(key) / Remove(key)
+//    a key. A bad position or unknown key throws kavrel::Error 5
+//    ("Invalid procedure call or argument").
+//  - AddData with a key already present throws kavrel::Error 457 and adds
+//    nothing. An empty key adds the element without a key.
+//  - Elements are shared, never copied: removing one does not destroy it
+//    while another owner holds it. Add/AddData never set an element's parent.
+//  - clear() empties the collection from the front, calling each element's
+//    own clear() exactly once before removing it.
+//  - Iteration (range-for) yields the elements in order.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "kavrel/error.h"
+
+namespace kavrel {
+
+namespace detail {
+[[noreturn]] void throwBadCollectionArgument();
+[[noreturn]] void throwDuplicateCollectionKey();
+// A process-wide counter bumped whenever an element's name changes, so that
+// collections keeping a name index know when to rebuild it.
+uint64_t nameVersion() noexcept;
+void bumpNameVersion() noexcept;
+}  // namespace detail
+
+template <class T>
+class KeyedCollection {
+ public:
+  using Element = T;
+  using Ptr = std::shared_ptr<T>;
+
+  class const_iterator {
+   public:
+    using Inner = typename std::vector<std::pair<Ptr, std::string>>::const_iterator;
+    explicit const_iterator(Inner it) : it_(it) {}
+    const Ptr& operator*() const { return it_->first; }
+    const_iterator& operator++() {
+      ++it_;
+      return *this;
+    }
+    bool operator!=(const const_iterator& o) const { return it_ != o.it_; }
+    bool operator==(const const_iterator& o) const { return it_ == o.it_; }
+
+   private:
+    Inner it_;
+  };
+
+  KeyedCollection() = default;
+  virtual ~KeyedCollection() = default;
+  KeyedCollection(const KeyedCollection&) = delete;
+  KeyedCollection& operator=(const KeyedCollection&) = delete;
+
+  // Appends an existing element (shared, not copied); returns it.
+  Ptr AddData(Ptr d, std::string_view sKey = {}) {
+    if (!sKey.empty()) {
+      std::string key(sKey);
+      if (keys_.count(key)) detail::throwDuplicateCollectionKey();
+      keys_.emplace(key, d);
+      entries_.emplace_back(d, std::move(key));
+    } else {
+      entries_.emplace_back(d, std::string());
+    }
+    ++modificationCount_;
+    return d;
+  }
+
+  const Ptr& Item(int32_t index) const {
+    if (index < 1 || static_cast<size_t>(index) > entries_.size()) detail::throwBadCollectionArgument();
+    return entries_[static_cast<size_t>(index - 1)].first;
+  }
+  const Ptr& Item(std::string_view key) const {
+    auto it = keys_.find(std::string(key));
+    if (it == keys_.end()) detail::throwBadCollectionArgument();
+    return it->second;
+  }
+  // Avoids a string literal choosing the position overload's conversion.
+  const Ptr& Item(const char* key) const { return Item(std::string_view(key)); }
+  const Ptr& Item(const std::string& key) const { return Item(std::string_view(key)); }
+
+  int32_t Count() const { return static_cast<int32_t>(entries_.size()); }
+  bool empty() const { return entries_.empty(); }
+
+  void Remove(int32_t index) {
+    if (index < 1 || static_cast<size_t>(index) > entries_.size()) detail::throwBadCollectionArgument();
+    auto it = entries_.begin() + (index - 1);
+    if (!it->second.empty()) keys_.erase(it->second);
+    entries_.erase(it);
+    ++modificationCount_;
+  }
+  void Remove(std::string_view key) {
+    auto k = keys_.find(std::string(key));
+    if (k == keys_.end()) detail::throwBadCollectionArgument();
+    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+      if (it->second == k->first) {
+        entries_.erase(it);
+        break;
+      }
+    }
+    keys_.erase(k);
+    ++modificationCount_;
+  }
+  void Remove(const char* key) { Remove(std::string_view(key)); }
+  void Remove(const std::string& key) { Remove(std::string_view(key)); }
+
+  // Empties the collection, clearing each element first (from the front).
+  void clear() {
+    while (!entries_.empty()) {
+      Ptr e = entries_.front().first;
+      if (e) e->clear();
+      Remove(1);
+    }
+  }
+
+  const_iterator begin() const { return const_iterator(entries_.begin()); }
+  const_iterator end() const { return const_iterator(entries_.end()); }
+
+  // Changes on every add or remove: lets a collection keep a lookup index and
+  // know when to rebuild it.
+  uint64_t modificationCount() const { return modificationCount_; }
+
+  // The key an element was stored under ("" when none), by position.
+  const std::string& keyAt(int32_t index) const {
+    if (index < 1 || static_cast<size_t>(index) > entries_.size()) detail::throwBadCollectionArgument();
+    return entries_[static_cast<size_t>(index - 1)].second;
+  }
+
+ protected:
+  // Helper for the collections' Add: creates the element, lets `init` set its
+  // identifying values, then appends it under sKey.
+  template <class Init>
+  Ptr addNew(std::string_view sKey, Init&& init) {
+    Ptr e = std::make_shared<T>();
+    init(*e);
+    return AddData(e, sKey);
+  }
+
+ private:
+  std::vector<std::pair<Ptr, std::string>> entries_;
+  std::unordered_map<std::string, Ptr> keys_;
+  uint64_t modificationCount_ = 0;
+};
+
+}  // namespace kavrel

@@ -1,0 +1,204 @@
+// Backend-neutral database access. Item classes reach the database only
+// through these interfaces; each engine lives behind them in its own folder
+// (src/platform/<engine>) and CMake target.
+//
+// The item classes issue SQL texts in the legacy dialect (bracketed
+// identifiers, "DELETE * FROM", booleans stored as -1/0). A backend adapts
+// what its engine does not take, and refuses a text that holds more than one
+// statement.
+//
+// Ownership: a Connection is shared (std::shared_ptr) by the session and
+// whoever else needs it; record sets are owned by their caller
+// (std::unique_ptr) and must not outlive their connection.
+// Errors: every failure throws kavrel::DbError (backend code and message).
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kavrel/error.h"
+
+namespace kavrel::db {
+
+// A field value: Null, integer, real or UTF-8 text.
+class Value {
+ public:
+  enum class Type { Null, Integer, Real, Text };
+
+  Value() = default;
+  Value(std::nullptr_t) {}
+  Value(int32_t v) : type_(Type::Integer), i_(v) {}
+  Value(int64_t v) : type_(Type::Integer), i_(v) {}
+  Value(double v) : type_(Type::Real), d_(v) {}
+  // Legacy databases hold -1 for true and 0 for false.
+  Value(bool v) : type_(Type::Integer), i_(v ? -1 : 0) {}
+  Value(std::string v) : type_(Type::Text), s_(std::move(v)) {}
+  Value(std::string_view v) : type_(Type::Text), s_(v) {}
+  Value(const char* v) : type_(Type::Text), s_(v) {}
+
+  Type type() const noexcept { return type_; }
+  bool isNull() const noexcept { return type_ == Type::Null; }
+
+  // Conversions. Integer and real conversions of Null throw error 94
+  // "Invalid use of Null"; text that is not a number throws error 13
+  // "Type mismatch"; out-of-range throws error 6 "Overflow". Reals are
+  // rounded half to even when converted to integers.
+  int32_t toInt32() const;
+  int64_t toInt64() const;
+  double toDouble() const;
+  // Any non-zero number is true. Null throws error 94.
+  bool toBool() const;
+  // Null gives the empty string; numbers give their decimal text.
+  std::string toText() const;
+
+  // Raw access (no conversion).
+  int64_t rawInteger() const noexcept { return i_; }
+  double rawReal() const noexcept { return d_; }
+  const std::string& rawText() const noexcept { return s_; }
+
+  friend bool operator==(const Value& a, const Value& b);
+
+ private:
+  Type type_ = Type::Null;
+  int64_t i_ = 0;
+  double d_ = 0.0;
+  std::string s_;
+};
+
+// A result set positioned on its first row when opened (eof() when empty).
+// Field names are matched without letter case and without brackets.
+class Recordset {
+ public:
+  virtual ~Recordset() = default;
+
+  virtual bool eof() = 0;
+  virtual void moveNext() = 0;
+  virtual int fieldCount() = 0;
+  virtual std::string fieldName(int index) = 0;
+  // Current row's field by position (0-based) or by name. Throws error 3265
+  // "Item cannot be found in the collection corresponding to the requested
+  // name or ordinal." for an unknown name or position, and error 3021 when
+  // there is no current row.
+  virtual const Value& field(int index) = 0;
+  virtual const Value& field(std::string_view name) = 0;
+  virtual void close() = 0;
+};
+
+// A result set held in memory that can be filtered any number of times.
+// filter("") (or clearFilter()) shows every row again. A filter expression is
+// one equality "[Column]='text'" (quotes doubled inside) or "[Column]=number";
+// brackets are optional. The first filter on a column builds an index so that
+// many filters cost little each. Rows keep the query's order under a filter.
+class ClientRecordset : public Recordset {
+ public:
+  virtual void filter(std::string_view expression) = 0;
+  void clearFilter() { filter({}); }
+  virtual void moveFirst() = 0;
+  // Rows visible under the current filter.
+  virtual int64_t recordCount() = 0;
+};
+
+// A result set opened on a one-table SELECT through which rows are added,
+// changed and deleted. The query runs lazily: opening one only to add rows
+// reads nothing. After update() of a new row, its autonumber column (and any
+// column the database filled) reads back through field().
+class UpdatableRecordset : public Recordset {
+ public:
+  virtual void addNew() = 0;
+  // Adds a row with the given fields and values and writes it at once.
+  virtual void addNew(const std::vector<std::string>& fields, const std::vector<Value>& values) = 0;
+  // Sets a field of the new row, or of the current row (starting an edit).
+  virtual void setField(std::string_view name, Value value) = 0;
+  // Writes the pending new row or edit. On failure the pending change stays
+  // (cancelUpdate() drops it) and DbError is thrown.
+  virtual void update() = 0;
+  virtual void cancelUpdate() = 0;
+  // Deletes the current row.
+  virtual void deleteCurrent() = 0;
+};
+
+class Connection {
+ public:
+  virtual ~Connection() = default;
+
+  // Runs one statement. A SELECT gives its rows (forward-only); any other
+  // statement gives an empty, closed-at-end result.
+  virtual std::unique_ptr<Recordset> execute(std::string_view sql) = 0;
+  // Rows of the statement affected by the last execute() of a non-query.
+  virtual int64_t recordsAffected() const = 0;
+  virtual std::unique_ptr<ClientRecordset> openClient(std::string_view sql) = 0;
+  virtual std::unique_ptr<UpdatableRecordset> openUpdatable(std::string_view sql) = 0;
+
+  // Transactions nest: begin() inside a transaction opens a savepoint.
+  // Write transactions take the write lock at once, waiting for another
+  // process rather than failing.
+  virtual void begin() = 0;
+  virtual void commit() = 0;
+  virtual void rollback() = 0;
+  virtual int transactionDepth() const = 0;
+  // Until the outermost transaction ends, relations between tables are
+  // checked at commit instead of after each statement.
+  virtual void deferConstraintChecks() = 0;
+
+  // The errors of the last failing operation (newest last), like the legacy
+  // connection's error list. clearErrors() empties it.
+  virtual const std::vector<DbError>& errors() const = 0;
+  virtual void clearErrors() = 0;
+
+  virtual bool isOpen() const = 0;
+  virtual void close() = 0;
+  // What the connection was opened on (for messages).
+  virtual std::string description() const = 0;
+};
+
+// Rolls back on destruction unless committed (nest freely).
+class Transaction {
+ public:
+  explicit Transaction(Connection& conn);
+  ~Transaction();
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+  void commit();
+
+ private:
+  Connection& conn_;
+  bool done_ = false;
+};
+
+// Opens a connection. Accepted forms:
+//  - "Provider=Microsoft.Jet.OLEDB.4.0;...;Data source=<file>": the legacy
+//    engine; refused with a clear error naming the file (not available);
+//  - "File name=<file.udl>": a data-link file (UTF-16 LE with BOM, or UTF-8)
+//    whose init string names the data source;
+//  - key/value pairs "Provider=SQLite;Data Source=<file>" (or without
+//    provider);
+//  - a bare path to an SQLite file.
+// Opening never creates a database; a missing file throws an error naming it.
+std::shared_ptr<Connection> openConnection(std::string_view connectionString);
+
+// Creates a new, empty definitions database at `path` with the whole schema
+// and the [system] version row "4". Fails if the file already exists.
+void createDatabase(const std::string& path);
+
+// The schema's SQL text (for tools and tests).
+std::string_view schemaSql();
+
+// SQL text helpers for the item classes.
+namespace sql {
+// 'text' with every ' doubled.
+std::string quote(std::string_view text);
+// The text doubled but not enclosed.
+std::string doubleQuotes(std::string_view text);
+// For statements that splice a text between quotes WITHOUT doubling its
+// quotes (kept as legacy behaviour): returns the text unchanged when it holds
+// no quote; otherwise throws DbError (syntax error) so the statement fails
+// instead of running with another meaning.
+std::string spliceUnquoted(std::string_view text);
+// Empty text gives the bare word Null, any other text quote(text).
+std::string quoteOrNull(std::string_view text);
+}  // namespace sql
+
+}  // namespace kavrel::db

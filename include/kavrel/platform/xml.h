@@ -1,0 +1,123 @@
+// A thin XML document model for the item classes (the backend is hidden;
+// no parser type leaks through this header).
+//
+// Nodes are light handles into a Document; they stay valid while the node
+// exists in its document and the document lives. A default Node is null.
+// Node names are taken literally, prefixes included ("kvr:Target"): there is
+// no namespace processing, which is what the documents' readers expect.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace pugi {
+struct xml_node_struct;
+struct xml_attribute_struct;
+}  // namespace pugi
+
+namespace kavrel::xml {
+
+enum class NodeType { Null, Document, Element, Text, CData, Comment, ProcessingInstruction, Declaration, Attribute };
+
+class Node {
+ public:
+  Node() = default;
+
+  bool isNull() const noexcept { return node_ == nullptr && attr_ == nullptr; }
+  explicit operator bool() const noexcept { return !isNull(); }
+  NodeType type() const;
+  std::string name() const;
+  // Value of an attribute, text, CDATA, comment or processing instruction
+  // node; empty for elements and documents.
+  std::string value() const;
+  // The text content: for an element, its text and CDATA descendants joined
+  // in document order; for other nodes, value().
+  std::string text() const;
+
+  // Attributes (elements only).
+  std::optional<std::string> attribute(std::string_view name) const;
+  bool hasAttribute(std::string_view name) const;
+  void setAttribute(std::string_view name, std::string_view value);
+
+  // Building.
+  Node appendElement(std::string_view name);
+  Node appendText(std::string_view text);
+  Node appendCData(std::string_view text);
+  Node appendComment(std::string_view text);
+  // Inserts a new element before `before` (a child of this node).
+  Node insertElementBefore(std::string_view name, const Node& before);
+
+  // Navigation.
+  Node parent() const;
+  Node firstChild() const;
+  Node nextSibling() const;
+  std::vector<Node> children() const;
+  // First child element with that name (null if none).
+  Node child(std::string_view name) const;
+
+  // XPath evaluated relative to this node ("Data", "kvr:Target",
+  // "Display | Input", "comment()", "@Name", "SendId/CANId/@Value").
+  // An attribute selection gives an Attribute node. An invalid expression
+  // throws kavrel::Error.
+  Node selectSingleNode(std::string_view xpath) const;
+  std::vector<Node> selectNodes(std::string_view xpath) const;
+  // The value of the first node the expression selects, if any.
+  std::optional<std::string> selectString(std::string_view xpath) const;
+
+  friend bool operator==(const Node& a, const Node& b) { return a.node_ == b.node_ && a.attr_ == b.attr_; }
+
+ private:
+  friend class Document;
+  Node(pugi::xml_node_struct* n, pugi::xml_attribute_struct* a) : node_(n), attr_(a) {}
+  pugi::xml_node_struct* node_ = nullptr;
+  pugi::xml_attribute_struct* attr_ = nullptr;
+};
+
+struct ParseError {
+  int code = 0;  // 0 = no error
+  std::string reason;
+  long line = 0;
+  long column = 0;
+};
+
+class Document {
+ public:
+  Document();
+  ~Document();
+  Document(Document&&) noexcept;
+  Document& operator=(Document&&) noexcept;
+  Document(const Document&) = delete;
+  Document& operator=(const Document&) = delete;
+
+  // The document node itself (parent of the top-level nodes).
+  Node root() const;
+  // The first top-level element (null when none).
+  Node documentElement() const;
+
+  // Top-level nodes, appended in order.
+  Node appendProcessingInstruction(std::string_view target, std::string_view data);
+  Node appendElement(std::string_view name);
+
+  // Loading replaces the content. On failure returns false and parseError()
+  // tells why (code != 0). The encoding is taken from the byte-order mark or
+  // the declaration (UTF-8, UTF-16, ISO-8859-1).
+  bool load(const std::string& path);
+  bool loadString(std::string_view text);
+  const ParseError& parseError() const;
+
+  // Saves in the named encoding ("UTF-8", "UTF-16", "ISO-8859-1", letter case
+  // ignored; empty means UTF-8). Throws kavrel::Error (number 75 for a file
+  // that cannot be written, 5 for an unknown encoding).
+  void save(const std::string& path, std::string_view encoding = "UTF-8") const;
+  // The document as UTF-8 text, exactly as save() would lay it out.
+  std::string toString() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kavrel::xml
