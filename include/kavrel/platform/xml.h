@@ -20,6 +20,7 @@ struct xml_attribute_struct;
 
 namespace kavrel::xml {
 
+// Declaration: the "xml" processing instruction (name "xml", value its data).
 enum class NodeType { Null, Document, Element, Text, CData, Comment, ProcessingInstruction, Declaration, Attribute };
 
 class Node {
@@ -97,22 +98,39 @@ class Document {
   // The first top-level element (null when none).
   Node documentElement() const;
 
-  // Top-level nodes, appended in order.
+  // Top-level nodes, appended in order. An "xml" instruction is the XML
+  // declaration: it is put first whatever was appended before, and a
+  // document has at most one (a second one throws kavrel::Error 5).
   Node appendProcessingInstruction(std::string_view target, std::string_view data);
+  // The declaration made of pseudo-attributes: version="1.0" encoding="..."
+  // (encoding left out when empty). Same placement rule as above.
+  Node appendDeclaration(std::string_view version, std::string_view encoding);
+  // A second top-level element throws kavrel::Error 5.
   Node appendElement(std::string_view name);
 
   // Loading replaces the content. On failure returns false and parseError()
   // tells why (code != 0). The encoding is taken from the byte-order mark or
-  // the declaration (UTF-8, UTF-16, ISO-8859-1).
+  // the declaration (UTF-8, UTF-16, ISO-8859-1, windows-1252). The loaded
+  // declaration is an "xml" processing instruction with its data as written.
+  // Text nodes made only of white space are left out of the loaded tree
+  // (unless they are an element's only content) unless preserveWhiteSpace.
   bool load(const std::string& path);
+  // `text` is UTF-8 whatever its declaration says.
   bool loadString(std::string_view text);
   const ParseError& parseError() const;
+  bool preserveWhiteSpace() const;
+  void setPreserveWhiteSpace(bool keep);
 
-  // Saves in the named encoding ("UTF-8", "UTF-16", "ISO-8859-1", letter case
-  // ignored; empty means UTF-8). Throws kavrel::Error (number 75 for a file
-  // that cannot be written, 5 for an unknown encoding).
+  // Saves in the named encoding ("UTF-8", "UTF-16", "ISO-8859-1",
+  // "windows-1252", "US-ASCII", letter case ignored; empty means the one
+  // named by the document's declaration, else UTF-8). Characters the
+  // encoding lacks are written as character references. Throws
+  // kavrel::Error (number 75 for a file that cannot be written, 5 for an
+  // unknown encoding or a character that cannot be written in a name,
+  // comment or processing instruction).
   void save(const std::string& path, std::string_view encoding = "UTF-8") const;
-  // The document as UTF-8 text, exactly as save() would lay it out.
+  // The document as UTF-8 text, exactly as save() would lay it out: every
+  // top-level node followed by one line feed, nothing else added.
   std::string toString() const;
 
  private:

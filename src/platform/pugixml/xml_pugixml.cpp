@@ -1,0 +1,495 @@
+// kavrel::xml on pugixml.
+//
+// Saved layout: the nodes of the document level are written one after the
+// other, each followed by one line feed; inside the root element nothing is
+// added or removed (no indentation; the documents carry their own line-feed
+// text nodes). A target document therefore reads
+//   <?xml version='1.0' encoding="UTF-8"?>\n<?xml-stylesheet ...?>\n<xml ...>\n...</xml>\n
+// and loading then saving it again gives the same bytes.
+#include <pugixml.hpp>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <unordered_map>
+
+#include "kavrel/error.h"
+#include "kavrel/platform/xml.h"
+#include "platform/pugixml/xml_encoding.h"
+
+namespace kavrel::xml {
+namespace {
+
+[[noreturn]] void invalid(std::string description) {
+  throw Error(kErrInvalidArgument, "", std::move(description));
+}
+
+bool isXmlBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+bool allBlank(std::string_view s) {
+  for (char c : s)
+    if (!isXmlBlank(c)) return false;
+  return true;
+}
+
+// Names are checked loosely (ASCII rules; any non-ASCII byte allowed) so
+// that a misspelt call fails here rather than as an unreadable file.
+bool validName(std::string_view name) {
+  if (name.empty()) return false;
+  for (size_t i = 0; i < name.size(); ++i) {
+    const auto c = static_cast<unsigned char>(name[i]);
+    const bool letter = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' || c == ':' || c >= 0x80;
+    const bool other = (c >= '0' && c <= '9') || c == '-' || c == '.';
+    if (!letter && !(i > 0 && other)) return false;
+  }
+  return true;
+}
+
+void checkName(std::string_view name, const char* what) {
+  if (!validName(name)) invalid(std::string("Invalid ") + what + " name \"" + std::string(name) + "\"");
+}
+
+pugi::xml_node pnode(pugi::xml_node_struct* n) { return pugi::xml_node(n); }
+
+bool isDeclaration(const pugi::xml_node& n) {
+  return n.type() == pugi::node_declaration ||
+         (n.type() == pugi::node_pi && std::strcmp(n.name(), "xml") == 0);
+}
+
+pugi::xml_node declarationOf(const pugi::xml_node& document) {
+  for (auto n : document.children())
+    if (isDeclaration(n)) return n;
+  return {};
+}
+
+pugi::xml_node requireNode(pugi::xml_node_struct* n, pugi::xml_attribute_struct* a, const char* operation) {
+  if (n == nullptr || a != nullptr) invalid(std::string(operation) + ": not an element or document node");
+  return pnode(n);
+}
+
+// A new top-level element must be the only one.
+void checkTopLevelElement(const pugi::xml_node& parent) {
+  if (parent.type() != pugi::node_document) return;
+  for (auto n : parent.children())
+    if (n.type() == pugi::node_element) invalid("Only one top level element is allowed in an XML document");
+}
+
+pugi::xml_node checkedAppend(pugi::xml_node parent, pugi::xml_node_type type, const char* operation) {
+  if (parent.type() == pugi::node_document && (type == pugi::node_pcdata || type == pugi::node_cdata))
+    invalid(std::string(operation) + ": text is not allowed at the top level of a document");
+  pugi::xml_node made = parent.append_child(type);
+  if (!made) invalid(std::string(operation) + ": this node cannot have children");
+  return made;
+}
+
+// Compiled XPath expressions, reused: the readers evaluate the same few
+// expressions on every element.
+const pugi::xpath_query& compiled(std::string_view xpath) {
+  thread_local std::unordered_map<std::string, pugi::xpath_query> cache;
+  std::string key(xpath);
+  auto found = cache.find(key);
+  if (found != cache.end()) return found->second;
+  if (cache.size() >= 512) cache.clear();
+  try {
+    pugi::xpath_query query(key.c_str());
+    return cache.emplace(key, std::move(query)).first->second;
+  } catch (const pugi::xpath_exception& e) {
+    invalid("Invalid XPath expression \"" + key + "\": " + e.result().description());
+  }
+}
+
+pugi::xpath_node contextOf(pugi::xml_node_struct* n, pugi::xml_attribute_struct* a) {
+  if (a != nullptr) return pugi::xpath_node(pugi::xml_attribute(a), pnode(n));
+  return pugi::xpath_node(pnode(n));
+}
+
+pugi::xpath_node_set evaluate(pugi::xml_node_struct* n, pugi::xml_attribute_struct* a, std::string_view xpath) {
+  const auto& query = compiled(xpath);
+  try {
+    pugi::xpath_node_set set = query.evaluate_node_set(contextOf(n, a));
+    set.sort();
+    return set;
+  } catch (const pugi::xpath_exception& e) {
+    invalid("XPath expression \"" + std::string(xpath) + "\": " + e.result().description());
+  }
+}
+
+// Text and CDATA descendants, in document order.
+std::string descendantText(const pugi::xml_node& top) {
+  std::string out;
+  pugi::xml_node n = top.first_child();
+  while (n) {
+    if (n.type() == pugi::node_pcdata || n.type() == pugi::node_cdata) out += n.value();
+    if (n.first_child()) {
+      n = n.first_child();
+      continue;
+    }
+    while (n && n != top && !n.next_sibling()) n = n.parent();
+    if (!n || n == top) break;
+    n = n.next_sibling();
+  }
+  return out;
+}
+
+struct StringWriter : pugi::xml_writer {
+  std::string& out;
+  explicit StringWriter(std::string& o) : out(o) {}
+  void write(const void* data, size_t size) override { out.append(static_cast<const char*>(data), size); }
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------- Node
+
+NodeType Node::type() const {
+  if (attr_ != nullptr) return NodeType::Attribute;
+  if (node_ == nullptr) return NodeType::Null;
+  const pugi::xml_node n = pnode(node_);
+  switch (n.type()) {
+    case pugi::node_document: return NodeType::Document;
+    case pugi::node_element: return NodeType::Element;
+    case pugi::node_pcdata: return NodeType::Text;
+    case pugi::node_cdata: return NodeType::CData;
+    case pugi::node_comment: return NodeType::Comment;
+    case pugi::node_pi: return isDeclaration(n) ? NodeType::Declaration : NodeType::ProcessingInstruction;
+    case pugi::node_declaration: return NodeType::Declaration;
+    default: return NodeType::Null;
+  }
+}
+
+std::string Node::name() const {
+  if (attr_ != nullptr) return pugi::xml_attribute(attr_).name();
+  switch (type()) {
+    case NodeType::Element:
+    case NodeType::ProcessingInstruction:
+    case NodeType::Declaration: return pnode(node_).name();
+    case NodeType::Text: return "#text";
+    case NodeType::CData: return "#cdata-section";
+    case NodeType::Comment: return "#comment";
+    case NodeType::Document: return "#document";
+    default: return {};
+  }
+}
+
+std::string Node::value() const {
+  if (attr_ != nullptr) return pugi::xml_attribute(attr_).value();
+  if (node_ == nullptr) return {};
+  const pugi::xml_node n = pnode(node_);
+  switch (n.type()) {
+    case pugi::node_pcdata:
+    case pugi::node_cdata:
+    case pugi::node_comment:
+    case pugi::node_pi: return n.value();
+    case pugi::node_declaration: {
+      std::string data;
+      for (auto a : n.attributes()) {
+        if (!data.empty()) data += ' ';
+        data += std::string(a.name()) + "=\"" + a.value() + "\"";
+      }
+      return data;
+    }
+    default: return {};
+  }
+}
+
+std::string Node::text() const {
+  if (attr_ == nullptr && node_ != nullptr) {
+    const auto t = pnode(node_).type();
+    if (t == pugi::node_element || t == pugi::node_document) return descendantText(pnode(node_));
+  }
+  return value();
+}
+
+std::optional<std::string> Node::attribute(std::string_view name) const {
+  if (attr_ != nullptr || node_ == nullptr) return std::nullopt;
+  const pugi::xml_attribute a = pnode(node_).attribute(std::string(name).c_str());
+  if (!a) return std::nullopt;
+  return std::string(a.value());
+}
+
+bool Node::hasAttribute(std::string_view name) const {
+  if (attr_ != nullptr || node_ == nullptr) return false;
+  return static_cast<bool>(pnode(node_).attribute(std::string(name).c_str()));
+}
+
+void Node::setAttribute(std::string_view name, std::string_view value) {
+  if (type() != NodeType::Element) invalid("setAttribute: not an element");
+  checkName(name, "attribute");
+  pugi::xml_node n = pnode(node_);
+  const std::string key(name);
+  pugi::xml_attribute a = n.attribute(key.c_str());
+  if (!a) a = n.append_attribute(key.c_str());
+  a.set_value(std::string(value).c_str());
+}
+
+Node Node::appendElement(std::string_view name) {
+  pugi::xml_node parent = requireNode(node_, attr_, "appendElement");
+  checkName(name, "element");
+  checkTopLevelElement(parent);
+  pugi::xml_node made = checkedAppend(parent, pugi::node_element, "appendElement");
+  made.set_name(std::string(name).c_str());
+  return Node(made.internal_object(), nullptr);
+}
+
+Node Node::appendText(std::string_view text) {
+  pugi::xml_node made = checkedAppend(requireNode(node_, attr_, "appendText"), pugi::node_pcdata, "appendText");
+  made.set_value(std::string(text).c_str());
+  return Node(made.internal_object(), nullptr);
+}
+
+Node Node::appendCData(std::string_view text) {
+  // A "]]>" inside is split over two sections when written.
+  pugi::xml_node made = checkedAppend(requireNode(node_, attr_, "appendCData"), pugi::node_cdata, "appendCData");
+  made.set_value(std::string(text).c_str());
+  return Node(made.internal_object(), nullptr);
+}
+
+Node Node::appendComment(std::string_view text) {
+  // "--" inside is written as "- -", as a comment cannot hold it.
+  pugi::xml_node made =
+      checkedAppend(requireNode(node_, attr_, "appendComment"), pugi::node_comment, "appendComment");
+  made.set_value(std::string(text).c_str());
+  return Node(made.internal_object(), nullptr);
+}
+
+Node Node::insertElementBefore(std::string_view name, const Node& before) {
+  pugi::xml_node parent = requireNode(node_, attr_, "insertElementBefore");
+  if (before.attr_ != nullptr || before.node_ == nullptr || pnode(before.node_).parent() != parent)
+    invalid("insertElementBefore: the reference node is not a child of this node");
+  checkName(name, "element");
+  checkTopLevelElement(parent);
+  pugi::xml_node made = parent.insert_child_before(pugi::node_element, pnode(before.node_));
+  if (!made) invalid("insertElementBefore: this node cannot have children");
+  made.set_name(std::string(name).c_str());
+  return Node(made.internal_object(), nullptr);
+}
+
+Node Node::parent() const {
+  if (attr_ != nullptr) return Node(node_, nullptr);
+  if (node_ == nullptr) return {};
+  return Node(pnode(node_).parent().internal_object(), nullptr);
+}
+
+Node Node::firstChild() const {
+  if (attr_ != nullptr || node_ == nullptr) return {};
+  return Node(pnode(node_).first_child().internal_object(), nullptr);
+}
+
+Node Node::nextSibling() const {
+  if (attr_ != nullptr || node_ == nullptr) return {};
+  return Node(pnode(node_).next_sibling().internal_object(), nullptr);
+}
+
+std::vector<Node> Node::children() const {
+  std::vector<Node> out;
+  if (attr_ != nullptr || node_ == nullptr) return out;
+  for (auto n : pnode(node_).children()) out.push_back(Node(n.internal_object(), nullptr));
+  return out;
+}
+
+Node Node::child(std::string_view name) const {
+  if (attr_ != nullptr || node_ == nullptr) return {};
+  for (auto n : pnode(node_).children())
+    if (n.type() == pugi::node_element && name == n.name()) return Node(n.internal_object(), nullptr);
+  return {};
+}
+
+Node Node::selectSingleNode(std::string_view xpath) const {
+  if (isNull()) return {};
+  const auto& query = compiled(xpath);
+  pugi::xpath_node first;
+  try {
+    first = query.evaluate_node(contextOf(node_, attr_));  // the first in document order
+  } catch (const pugi::xpath_exception& e) {
+    invalid("XPath expression \"" + std::string(xpath) + "\": " + e.result().description());
+  }
+  if (!first) return {};
+  if (first.attribute()) return Node(first.parent().internal_object(), first.attribute().internal_object());
+  return Node(first.node().internal_object(), nullptr);
+}
+
+std::vector<Node> Node::selectNodes(std::string_view xpath) const {
+  std::vector<Node> out;
+  if (isNull()) return out;
+  const pugi::xpath_node_set set = evaluate(node_, attr_, xpath);
+  out.reserve(set.size());
+  for (const auto& x : set) {
+    if (x.attribute())
+      out.push_back(Node(x.parent().internal_object(), x.attribute().internal_object()));
+    else
+      out.push_back(Node(x.node().internal_object(), nullptr));
+  }
+  return out;
+}
+
+std::optional<std::string> Node::selectString(std::string_view xpath) const {
+  const Node n = selectSingleNode(xpath);
+  if (n.isNull()) return std::nullopt;
+  return n.text();
+}
+
+// ---------------------------------------------------------------- Document
+
+struct Document::Impl {
+  pugi::xml_document doc;
+  ParseError error;
+  bool preserveWhiteSpace = false;
+
+  bool fail(int code, std::string reason, std::string_view text = {}, size_t offset = 0, bool located = false) {
+    doc.reset();
+    error.code = code;
+    error.reason = std::move(reason);
+    error.line = error.column = 0;
+    if (located) detail::lineColumn(text, offset, error.line, error.column);
+    return false;
+  }
+
+  bool parse(const detail::Decoded& decoded) {
+    if (decoded.code != 0) return fail(decoded.code, decoded.reason, decoded.utf8, decoded.utf8.size(), true);
+    const std::string& text = decoded.utf8;
+    unsigned flags = pugi::parse_default | pugi::parse_comments | pugi::parse_pi | pugi::parse_declaration;
+    flags |= preserveWhiteSpace ? pugi::parse_ws_pcdata : pugi::parse_ws_pcdata_single;
+    const pugi::xml_parse_result result = doc.load_buffer(text.data(), text.size(), flags, pugi::encoding_utf8);
+    if (!result) return fail(result.status, result.description(), text, static_cast<size_t>(result.offset), true);
+
+    // The parser is lenient where a document must not be.
+    int elements = 0;
+    for (auto n : doc.children()) {
+      if (n.type() == pugi::node_element && ++elements > 1) {
+        auto at = n.offset_debug();  // the name; point at its "<"
+        if (at > 0 && text[static_cast<size_t>(at) - 1] == '<') --at;
+        return fail(pugi::status_append_invalid_root, "Only one top level element is allowed in an XML document",
+                    text, at < 0 ? 0 : static_cast<size_t>(at), at >= 0);
+      }
+      if (n.type() == pugi::node_declaration && n != doc.first_child()) {
+        const auto at = n.offset_debug();
+        return fail(pugi::status_bad_pi, "The XML declaration is allowed only at the start of the document", text,
+                    at < 0 ? 0 : static_cast<size_t>(at), at >= 0);
+      }
+    }
+
+    // Keep the declaration as written: an "xml" instruction with its data.
+    pugi::xml_node declaration = doc.first_child();
+    if (declaration.type() == pugi::node_declaration) {
+      std::string data;
+      const size_t end = text.find("?>");
+      if (text.compare(0, 5, "<?xml") == 0 && end != std::string::npos) {
+        size_t begin = 5;
+        while (begin < end && isXmlBlank(text[begin])) ++begin;
+        size_t stop = end;
+        while (stop > begin && isXmlBlank(text[stop - 1])) --stop;
+        data = text.substr(begin, stop - begin);
+      } else {
+        data = Node(declaration.internal_object(), nullptr).value();
+      }
+      pugi::xml_node pi = doc.insert_child_before(pugi::node_pi, declaration);
+      pi.set_name("xml");
+      pi.set_value(data.c_str());
+      doc.remove_child(declaration);
+    }
+    error = ParseError{};
+    return true;
+  }
+
+  pugi::xml_node prependDeclaration(std::string_view data) {
+    if (declarationOf(doc)) invalid("The document already has an XML declaration");
+    pugi::xml_node pi = doc.first_child() ? doc.insert_child_before(pugi::node_pi, doc.first_child())
+                                          : doc.append_child(pugi::node_pi);
+    pi.set_name("xml");
+    pi.set_value(std::string(data).c_str());
+    return pi;
+  }
+};
+
+Document::Document() : impl_(std::make_unique<Impl>()) {}
+Document::~Document() = default;
+Document::Document(Document&&) noexcept = default;
+Document& Document::operator=(Document&&) noexcept = default;
+
+Node Document::root() const { return Node(impl_->doc.internal_object(), nullptr); }
+
+Node Document::documentElement() const { return Node(impl_->doc.document_element().internal_object(), nullptr); }
+
+Node Document::appendProcessingInstruction(std::string_view target, std::string_view data) {
+  checkName(target, "processing instruction");
+  if (target == "xml") return Node(impl_->prependDeclaration(data).internal_object(), nullptr);
+  // "?>" inside the data is written as "? >".
+  pugi::xml_node pi = impl_->doc.append_child(pugi::node_pi);
+  pi.set_name(std::string(target).c_str());
+  pi.set_value(std::string(data).c_str());
+  return Node(pi.internal_object(), nullptr);
+}
+
+Node Document::appendDeclaration(std::string_view version, std::string_view encoding) {
+  std::string data = "version=\"" + std::string(version) + "\"";
+  if (!encoding.empty()) data += " encoding=\"" + std::string(encoding) + "\"";
+  return Node(impl_->prependDeclaration(data).internal_object(), nullptr);
+}
+
+Node Document::appendElement(std::string_view name) { return root().appendElement(name); }
+
+bool Document::load(const std::string& path) {
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec))
+    return impl_->fail(pugi::status_io_error, "Cannot read \"" + path + "\": it is a directory");
+  std::FILE* f = std::fopen(path.c_str(), "rb");
+  if (f == nullptr) {
+    const int err = errno;
+    return impl_->fail(err == ENOENT ? pugi::status_file_not_found : pugi::status_io_error,
+                       "Cannot open \"" + path + "\": " + std::strerror(err));
+  }
+  std::string bytes;
+  char buffer[65536];
+  size_t got;
+  while ((got = std::fread(buffer, 1, sizeof buffer, f)) > 0) bytes.append(buffer, got);
+  const bool failed = std::ferror(f) != 0;
+  const int err = errno;
+  std::fclose(f);
+  if (failed) return impl_->fail(pugi::status_io_error, "Cannot read \"" + path + "\": " + std::strerror(err));
+  return impl_->parse(detail::decodeDocument(bytes));
+}
+
+bool Document::loadString(std::string_view text) { return impl_->parse(detail::decodeUtf8(text)); }
+
+const ParseError& Document::parseError() const { return impl_->error; }
+
+bool Document::preserveWhiteSpace() const { return impl_->preserveWhiteSpace; }
+
+void Document::setPreserveWhiteSpace(bool keep) { impl_->preserveWhiteSpace = keep; }
+
+std::string Document::toString() const {
+  std::string out;
+  StringWriter writer(out);
+  for (auto n : impl_->doc.children()) {
+    if (n.type() == pugi::node_pcdata && allBlank(n.value())) continue;
+    n.print(writer, "", pugi::format_raw, pugi::encoding_utf8);
+    out += '\n';
+  }
+  return out;
+}
+
+void Document::save(const std::string& path, std::string_view encoding) const {
+  std::string name(encoding);
+  if (name.empty()) {
+    const pugi::xml_node declaration = declarationOf(impl_->doc);
+    if (declaration) name = detail::declaredEncoding(Node(declaration.internal_object(), nullptr).value());
+    if (name.empty()) name = "UTF-8";
+  }
+  const auto target = detail::encodingFromName(name);
+  if (!target) invalid("Unknown encoding \"" + name + "\"");
+  const std::string bytes = detail::encodeDocument(toString(), *target);
+
+  std::FILE* f = std::fopen(path.c_str(), "wb");
+  bool ok = f != nullptr;
+  int err = errno;
+  if (ok) {
+    ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+    if (!ok) err = errno;
+    if (std::fclose(f) != 0 && ok) ok = false, err = errno;
+  }
+  if (!ok)
+    throw Error(kErrFile, "", "Path/File access error: cannot write \"" + path + "\" (" + std::strerror(err) + ")");
+}
+
+}  // namespace kavrel::xml
