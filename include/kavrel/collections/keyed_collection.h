@@ -14,7 +14,9 @@
 //  - Iteration (range-for) yields the elements in order.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -43,11 +45,24 @@ class KeyedCollection {
   class const_iterator {
    public:
     using Inner = typename std::vector<std::pair<Ptr, std::string>>::const_iterator;
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = Ptr;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const Ptr*;
+    using reference = const Ptr&;
+
+    const_iterator() = default;
     explicit const_iterator(Inner it) : it_(it) {}
     const Ptr& operator*() const { return it_->first; }
+    const Ptr* operator->() const { return &it_->first; }
     const_iterator& operator++() {
       ++it_;
       return *this;
+    }
+    const_iterator operator++(int) {
+      const_iterator old = *this;
+      ++it_;
+      return old;
     }
     bool operator!=(const const_iterator& o) const { return it_ != o.it_; }
     bool operator==(const const_iterator& o) const { return it_ == o.it_; }
