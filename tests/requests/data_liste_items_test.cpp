@@ -1,0 +1,167 @@
+// Value lists: lookups, row identity (data, value and both flags) and XML.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "kavrel/error.h"
+#include "kavrel/platform/db.h"
+#include "kavrel/platform/xml.h"
+#include "kavrel/requests/data_items.h"
+#include "kavrel/requests/data_liste_items.h"
+#include "kavrel/target/target_item.h"
+#include "support/temp_db.h"
+
+namespace kavrel {
+namespace {
+
+TEST(DataListeItems, Lookups) {
+  DataListeItems list;
+  EXPECT_EQ(list.ValueMax(), 0);
+  auto a = list.Add(-5);
+  EXPECT_EQ(list.ValueMax(), 0);
+  auto b = list.Add(7);
+  auto c = list.Add(7);
+  a->setLibelle("Arrêt");
+  b->setLibelle("marche");
+  c->setLibelle("Marche");
+  EXPECT_EQ(list.ValueMax(), 7);
+  EXPECT_EQ(list.ItemValue(7), b);
+  EXPECT_EQ(list.ItemValue(8), nullptr);
+  EXPECT_EQ(list.ItemLabel("Marche"), c);
+  EXPECT_EQ(list.ItemLabel("MARCHE"), nullptr);
+
+  list.RemoveItem(c);  // the first entry of that value goes
+  ASSERT_EQ(list.Count(), 2);
+  EXPECT_EQ(list.Item(2), c);
+
+  EXPECT_TRUE(list.ValueChanged());
+  list.setValueChanged(false);
+  EXPECT_FALSE(a->ValueChanged());
+  EXPECT_FALSE(list.ValueChanged());
+  a->setInfo(a->Info());  // writing the same value still marks the entry
+  EXPECT_TRUE(list.ValueChanged());
+}
+
+class ListDb : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    clearLastError();
+    conn_ = db_.connection();
+    conn_->execute("INSERT INTO Cibles (Address, [Target Name]) VALUES (122, 'ABS')");
+    target = TargetItem::create();
+    target->setAddress(122);
+    target->setTargetid(1);
+    data = std::make_shared<DataItem>();
+    data->setParent(target);
+    data->setDataname("Etat");
+    data->setListe(true);
+    data->dbInsert(*conn_);
+  }
+
+  std::shared_ptr<DataListeItem> entry(int32_t v, const std::string& label) {
+    auto e = data->DataListes()->Add(v);
+    e->setParent(data);
+    e->setLibelle(label);
+    return e;
+  }
+  int64_t rows(const std::string& where = "") {
+    auto rs = conn_->execute("SELECT count(*) FROM Listes" + where);
+    int64_t n = rs->field(0).toInt64();
+    rs->close();
+    return n;
+  }
+  std::string label(int32_t v) {
+    auto rs = conn_->execute("SELECT Libellé FROM Listes WHERE Valeur=" + std::to_string(v));
+    std::string s = rs->eof() ? "<none>" : rs->field(0).toText();
+    rs->close();
+    return s;
+  }
+
+  test::TempDb db_;
+  std::shared_ptr<db::Connection> conn_;
+  std::shared_ptr<TargetItem> target;
+  std::shared_ptr<DataItem> data;
+};
+
+TEST_F(ListDb, RowsFollowTheirFourColumnIdentity) {
+  auto one = entry(1, std::string(85, 'L'));
+  auto two = entry(2, "deux");
+  data->DataListes()->DbInsertAll(*conn_);
+  EXPECT_EQ(label(1), std::string(80, 'L'));
+  EXPECT_FALSE(one->ValueChanged());
+  const std::string flags = " WHERE Numérique=-1 AND Liste=-1";
+  EXPECT_EQ(rows(flags), 2);
+
+  // Unchanged: nothing is written, even if the row differs.
+  conn_->execute("UPDATE Listes SET Libellé='autre' WHERE Valeur=2");
+  two->dbUpdate(*conn_);
+  EXPECT_EQ(label(2), "autre");
+
+  // Changed and its row gone: inserted.
+  conn_->execute("DELETE FROM Listes WHERE Valeur=2");
+  two->setLibelle("deux bis");
+  two->dbUpdate(*conn_);
+  EXPECT_EQ(label(2), "deux bis");
+  EXPECT_FALSE(two->ValueChanged());
+
+  // Read back in value order with the item's flags.
+  entry(0, "zéro")->dbInsert(*conn_);
+  DataListeItems read;
+  read.DbRead(*conn_, data);
+  ASSERT_EQ(read.Count(), 3);
+  EXPECT_EQ(read.Item(1)->Valeur(), 0);
+  EXPECT_EQ(read.Item(3)->libelle(), "deux bis");
+  EXPECT_FALSE(read.Item(1)->ValueChanged());
+  EXPECT_EQ(read.Item(1)->parent(), data);
+
+  // Other flags: the stored rows are out of reach of update and delete...
+  data->setNumerique(false);
+  two->setLibelle("changé");
+  two->dbUpdate(*conn_);  // inserts a second row under the new flags
+  EXPECT_EQ(rows(" WHERE Valeur=2"), 2);
+  one->dbDelete(*conn_);
+  EXPECT_EQ(rows(" WHERE Valeur=1"), 1);
+  DataListeItems none;
+  none.DbRead(*conn_, data);
+  EXPECT_EQ(none.Count(), 1);
+
+  // ... but not of dbDeleteAll.
+  data->DataListes()->dbDeleteAll(*conn_, data);
+  EXPECT_EQ(rows(), 0);
+
+  data->setNumerique(true);
+  auto three = entry(3, "trois");
+  three->dbInsert(*conn_);
+  three->dbDelete(*conn_);
+  EXPECT_EQ(rows(), 0);
+}
+
+TEST(DataListeItemsXml, WritesInfoAsCDataAndKeepsBadEntries) {
+  DataListeItems list;
+  auto e = list.Add(3);
+  e->setLibelle("trois & plus");
+  e->setInfo("info");
+  list.Add(4);
+  xml::Document doc;
+  auto node = doc.appendElement("List");
+  list.createXMLnode(doc, node);
+  EXPECT_EQ(doc.toString(), "<List>\n<Item Value=\"3\" Text=\"trois &amp; plus\"><![CDATA[info]]></Item>\n"
+                            "<Item Value=\"4\" Text=\"\"/></List>\n");
+
+  clearLastError();
+  xml::Document in;
+  ASSERT_TRUE(in.loadString("<List><Item Value=\"5\">  texte  </Item><Item Text=\"x\" Value=\"abc\"/></List>"));
+  auto owner = std::make_shared<DataItem>();
+  DataListeItems read;
+  read.loadXml(in, in.documentElement(), owner);
+  ASSERT_EQ(read.Count(), 2);
+  EXPECT_EQ(read.Item(1)->Valeur(), 5);
+  EXPECT_EQ(read.Item(1)->Info(), "texte");
+  EXPECT_EQ(read.Item(1)->parent(), owner);
+  EXPECT_EQ(read.Item(2)->libelle(), "x");
+  EXPECT_EQ(lastError().number, 1);
+  EXPECT_EQ(lastError().description, "Type mismatch");
+}
+
+}  // namespace
+}  // namespace kavrel
