@@ -1,0 +1,429 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+
+#include "kavrel/catalogues/function_items.h"
+#include "kavrel/catalogues/panne_items.h"
+#include "kavrel/catalogues/protocol_items.h"
+#include "kavrel/catalogues/type_organe_items.h"
+#include "kavrel/error.h"
+#include "kavrel/platform/db.h"
+#include "kavrel/session/kavrel_database.h"
+#include "kavrel/target/target_item.h"
+#include "support/older_layout.h"
+#include "support/temp_db.h"
+
+namespace kavrel {
+namespace {
+
+const std::string kExample = std::string(KAVREL_SOURCE_DIR) + "/examples/parameters.xml";
+
+// Runs `f` and returns the kavrel::Error it throws (fails the test if none).
+template <class F>
+Error thrownBy(F&& f) {
+  try {
+    f();
+  } catch (const Error& e) {
+    return e;
+  }
+  ADD_FAILURE() << "no error thrown";
+  return Error(0, "", "");
+}
+
+void expectPending(int32_t number, const std::string& reportedSource, const std::string& description) {
+  ASSERT_TRUE(lastError().pending());
+  EXPECT_EQ(lastError().number, number);
+  EXPECT_EQ(lastError().reportedSource(), reportedSource);
+  EXPECT_EQ(lastError().description, description);
+}
+
+int64_t count(db::Connection& conn, const std::string& sql) { return conn.execute(sql)->field(0).toInt64(); }
+
+// A session opened on a fresh database.
+struct OpenSession {
+  test::TempDb tdb;
+  std::shared_ptr<KavrelDatabase> s = KavrelDatabase::create();
+  OpenSession() { s->DbOpen(tdb.path()); }
+  db::Connection& conn() { return *s->DbConnection(); }
+};
+
+// ---- settings
+
+TEST(SessionSettings, DefaultsAliasingAndReadOnlyVersion) {
+  auto s = KavrelDatabase::create();
+  EXPECT_EQ(s->xmlEncoding(), "UTF-8");
+  EXPECT_TRUE(s->xmlns().ends_with("/2002/ECU")) << s->xmlns();
+  EXPECT_TRUE(s->xmlScreenSchema().ends_with("/2002/screens"));
+  EXPECT_TRUE(s->xmlStyleSheet().ends_with("/Kavrel/KVRECUPreview.xsl"));
+  EXPECT_EQ(s->xmlEcuSchema(), s->xmlns());
+  EXPECT_EQ(s->DbConnection(), nullptr);
+  EXPECT_EQ(s->functions(), nullptr);
+  EXPECT_EQ(s->ActiveTarget(), nullptr);
+
+  s->setXmlEcuSchema("urn:a");
+  EXPECT_EQ(s->xmlns(), "urn:a");
+  s->setXmlns("urn:b");
+  EXPECT_EQ(s->xmlEcuSchema(), "urn:b");
+
+  s->setDbVersion("9");
+  EXPECT_EQ(s->dbVersion(), "");
+}
+
+// ---- open and close
+
+TEST(SessionOpen, NameRequiredAndSecondOpenRefused) {
+  auto s = KavrelDatabase::create();
+  Error e = thrownBy([&] { s->DbOpen(); });
+  EXPECT_EQ(e.number(), 2);
+  EXPECT_EQ(e.source(), "KavrelDatabase");
+  EXPECT_EQ(e.description(), "Error database name not defined");
+
+  test::TempDb tdb;
+  s->DbOpen(tdb.path());
+  EXPECT_EQ(s->fileName(), tdb.path());
+  auto first = s->DbConnection();
+  ASSERT_NE(first, nullptr);
+  e = thrownBy([&] { s->DbOpen(tdb.path()); });
+  EXPECT_EQ(e.number(), 1);
+  EXPECT_EQ(e.source(), "KavrelDatabase.DbOpen");
+  EXPECT_EQ(e.description(), "Database already open");
+  EXPECT_EQ(s->DbConnection(), first);
+
+  // Closed, the stored name is opened again.
+  s->DbClose();
+  EXPECT_EQ(s->DbConnection(), nullptr);
+  EXPECT_EQ(s->fileName(), tdb.path());
+  s->DbOpen();
+  EXPECT_NE(s->DbConnection(), nullptr);
+}
+
+TEST(SessionOpen, ConnectionStringChosenByCaseSensitiveExtension) {
+  test::TempDir dir;
+  auto s = KavrelDatabase::create();
+
+  // ".mdb" selects the legacy engine, which is refused naming the file.
+  const std::string mdb = dir.file("defs.mdb");
+  Error e = thrownBy([&] { s->DbOpen(mdb); });
+  EXPECT_NE(e.description().find(mdb), std::string::npos) << e.description();
+  EXPECT_EQ(s->DbConnection(), nullptr);
+  EXPECT_EQ(s->fileName(), mdb);
+
+  // ".MDB" is not recognised: the name is used as it is (a database path).
+  const std::string upper = dir.file("defs.MDB");
+  KavrelDatabase::createDatabase(upper);
+  s->DbOpen(upper);
+  EXPECT_TRUE(s->IsKavrelDatabase());
+  s->DbClose();
+
+  // ".udl": a data-link file naming the data source.
+  const std::string udl = dir.file("defs.udl");
+  {
+    std::ofstream out(udl, std::ios::binary);
+    out << "[oledb]\r\n; Everything after this line is an OLE DB initstring\r\nProvider=SQLite;Data Source="
+        << upper << "\r\n";
+  }
+  s->DbOpen(udl);
+  EXPECT_TRUE(s->IsKavrelDatabase());
+}
+
+TEST(SessionOpen, FileNameSetterClosesAndForgets) {
+  OpenSession o;
+  o.s->DbRead();
+  o.s->NewTarget();
+  ASSERT_NE(o.s->functions(), nullptr);
+  o.s->setFileName("other");
+  EXPECT_EQ(o.s->DbConnection(), nullptr);
+  EXPECT_EQ(o.s->ActiveTarget(), nullptr);
+  EXPECT_EQ(o.s->functions(), nullptr);
+  EXPECT_EQ(o.s->protocols(), nullptr);
+  EXPECT_EQ(o.s->typeOrganes(), nullptr);
+  EXPECT_EQ(o.s->Pannes(), nullptr);
+  EXPECT_EQ(o.s->fileName(), "other");
+}
+
+TEST(SessionOpen, DestructionClosesQuietly) {
+  test::TempDb tdb;
+  {
+    auto s = KavrelDatabase::create();
+    s->DbOpen(tdb.path());
+    s->DbRead();
+    s->NewTarget();
+    recordError(7, "x", "pending");
+  }
+  EXPECT_FALSE(lastError().pending());
+}
+
+// ---- identity and version
+
+TEST(SessionVersion, SupportedVersion) {
+  OpenSession o;
+  EXPECT_TRUE(o.s->IsKavrelDatabase());
+  EXPECT_FALSE(lastError().pending());
+  EXPECT_EQ(o.s->dbVersion(), "4");
+  o.s->CheckDatabaseVersion();
+  EXPECT_FALSE(lastError().pending());
+  EXPECT_EQ(o.s->dbVersion(), "4");
+}
+
+TEST(SessionVersion, OtherVersionRecordedByOneCheckAndClearedByTheOther) {
+  OpenSession o;
+  for (const char* v : {"3", "4.0", " 4"}) {
+    SCOPED_TRACE(v);
+    o.conn().execute(std::string("UPDATE [system] SET [value]='") + v + "' WHERE [parameter]='version'");
+    EXPECT_FALSE(o.s->IsKavrelDatabase());
+    expectPending(5, "KavrelDatabase.IsKavrelDatabase",
+                  "Bad version, use builder to convert database to lastest version");
+    EXPECT_EQ(o.s->dbVersion(), v);
+  }
+  o.s->CheckDatabaseVersion();
+  EXPECT_FALSE(lastError().pending());
+  EXPECT_EQ(o.s->dbVersion(), " 4");
+}
+
+TEST(SessionVersion, NoVersionRow) {
+  OpenSession o;
+  o.conn().execute("DELETE FROM [system]");
+  EXPECT_FALSE(o.s->IsKavrelDatabase());
+  expectPending(4, "KavrelDatabase.IsKavrelDatabase", "version undefined, database is not a Kavrel database");
+  EXPECT_EQ(o.s->dbVersion(), "-1");
+  o.s->CheckDatabaseVersion();
+  expectPending(4, "KavrelBuilderLibrary", "version undefined, bad Kavrel database");
+  clearLastError();
+}
+
+TEST(SessionVersion, NoSystemTableOrNoConnection) {
+  OpenSession o;
+  o.conn().execute("DROP TABLE [system]");
+  EXPECT_FALSE(o.s->IsKavrelDatabase());
+  expectPending(3, "KavrelDatabase.IsKavrelDatabase", "system table missing, database is not a Kavrel database");
+  EXPECT_EQ(o.s->dbVersion(), "-1");
+  o.s->CheckDatabaseVersion();
+  expectPending(3, "KavrelBuilderLibrary", "system table missing, database is not a Kavrel database");
+  EXPECT_EQ(lastError().source, "");
+
+  auto closed = KavrelDatabase::create();
+  EXPECT_FALSE(closed->IsKavrelDatabase());
+  EXPECT_EQ(lastError().number, 3);
+  clearLastError();
+}
+
+// ---- catalogues
+
+TEST(SessionRead, NeedsADatabaseName) {
+  auto s = KavrelDatabase::create();
+  Error e = thrownBy([&] { s->DbRead(); });
+  EXPECT_EQ(e.number(), 2);
+  EXPECT_EQ(e.rawSource(), "");
+  EXPECT_EQ(e.source(), "KavrelBuilderLibrary");
+  EXPECT_EQ(e.description(), "Error database not defined");
+  EXPECT_THROW(s->dbReadKVR(), Error);
+}
+
+TEST(SessionRead, OpensFromFileNameAndPutsDefaultsForMissingTypeTables) {
+  test::TempDb tdb;
+  {
+    auto c = tdb.connection();
+    c->execute("DROP TABLE [Type Organe]");
+    c->execute("DROP TABLE [Type Panne]");
+    c->execute("INSERT INTO [Fonctions] ([Address],[Function Name]) VALUES (122,'Moteur')");
+    c->close();
+  }
+  auto s = KavrelDatabase::create();
+  s->setFileName(tdb.path());
+  s->DbRead();
+  EXPECT_NE(s->DbConnection(), nullptr);
+  EXPECT_FALSE(lastError().pending());
+  ASSERT_EQ(s->functions()->Count(), 1);
+  EXPECT_EQ(s->protocols()->Count(), 0);
+  ASSERT_EQ(s->typeOrganes()->Count(), 1);
+  EXPECT_EQ(s->typeOrganes()->Item(1)->id(), 1);
+  EXPECT_EQ(s->typeOrganes()->Item(1)->libelle(), "Entrée");
+  ASSERT_EQ(s->Pannes()->Count(), 1);
+  EXPECT_EQ(s->Pannes()->Item(1)->id(), 0);
+  EXPECT_EQ(s->Pannes()->Item(1)->libelle(), "Ne contient pas de pannes");
+}
+
+TEST(SessionRead, MissingFunctionsOrProtocolsStopTheRead) {
+  OpenSession o;
+  o.s->DbRead();
+  auto oldProtocols = o.s->protocols();
+  auto oldTypes = o.s->typeOrganes();
+
+  o.conn().execute("DROP TABLE [Protocoles]");
+  o.s->DbRead();
+  expectPending(1, "KavrelBuilderLibrary", "No protocol defined in database, bad database");
+  EXPECT_NE(o.s->protocols(), oldProtocols);  // replaced before the failing read
+  EXPECT_EQ(o.s->typeOrganes(), oldTypes);    // not reached
+
+  o.conn().execute("DROP TABLE [Fonctions]");
+  auto protocolsNow = o.s->protocols();
+  o.s->dbReadKVR();
+  expectPending(1, "KavrelBuilderLibrary", "No function defined in database, bad database");
+  EXPECT_EQ(o.s->protocols(), protocolsNow);
+  EXPECT_EQ(o.s->typeOrganes(), oldTypes);
+  clearLastError();
+}
+
+TEST(SessionRead, OlderLayout) {
+  test::TempDir dir;
+  const std::string path = dir.file("old.sqlite");
+  test::createOlderLayoutDb(path);
+  auto s = KavrelDatabase::create();
+  s->DbOpen(path);
+  EXPECT_FALSE(s->IsKavrelDatabase());
+  EXPECT_EQ(s->dbVersion(), "3");
+  s->DbConnection()->execute("INSERT INTO Fonctions (Address,[Function Name]) VALUES (88,'Freinage')");
+  s->dbReadKVR();
+  EXPECT_FALSE(lastError().pending());
+  ASSERT_EQ(s->functions()->Count(), 1);
+  EXPECT_EQ(s->functions()->Item(1)->CanXId(), -1);
+  EXPECT_EQ(s->typeOrganes()->Count(), 1);
+  EXPECT_EQ(s->Pannes()->Count(), 1);
+}
+
+// ---- targets
+
+TEST(SessionTargets, FindByNameDoublesQuotes) {
+  OpenSession o;
+  o.conn().execute("INSERT INTO Cibles (Address,[Target Name]) VALUES (122,'Moteur d''essai')");
+  o.conn().execute("INSERT INTO Cibles (Address,[Target Name]) VALUES (123,'Moteur d''essai')");
+  int32_t address = -5, id = -6;
+  EXPECT_TRUE(o.s->DbFindUceByName("Moteur d'essai", address, id));
+  EXPECT_EQ(address, 122);
+  EXPECT_EQ(id, count(o.conn(), "SELECT MIN([Target Id]) FROM Cibles"));
+
+  address = -5;
+  id = -6;
+  EXPECT_FALSE(o.s->DbFindUceByName("moteur d'essai", address, id));
+  EXPECT_FALSE(o.s->DbFindUceByName("x' OR '1'='1", address, id));
+  EXPECT_EQ(address, -5);
+  EXPECT_EQ(id, -6);
+}
+
+TEST(SessionTargets, NewTargetReplacesTheActiveOne) {
+  auto s = KavrelDatabase::create();
+  auto t1 = s->NewTarget();
+  EXPECT_EQ(t1->parent(), s);
+  auto t2 = s->NewTarget();
+  EXPECT_NE(t1, t2);
+  EXPECT_EQ(s->ActiveTarget(), t2);
+  EXPECT_EQ(t1->parent(), nullptr);  // cleared
+  s->ClearTarget();
+  EXPECT_EQ(s->ActiveTarget(), nullptr);
+}
+
+// Two targets, each with a category holding a screen, and an organ.
+int32_t addTarget(db::Connection& c, const std::string& name) {
+  c.execute("INSERT INTO Cibles (Address,[Target Name]) VALUES (122,'" + name + "')");
+  const std::string id = std::to_string(count(c, "SELECT MAX([Target Id]) FROM Cibles"));
+  c.execute("INSERT INTO Catégories ([Target Id],[Category Name]) VALUES (" + id + ",'Mesures')");
+  const std::string cat = std::to_string(count(c, "SELECT MAX([Category Id]) FROM Catégories"));
+  c.execute("INSERT INTO Ecrans ([Target Id],[Category Id],[Screen Name]) VALUES (" + id + "," + cat + ",'Moteur')");
+  c.execute("INSERT INTO Organes (Address,[Target Id],[Organe Name]) VALUES (122," + id + ",'Pompe')");
+  return std::stoi(id);
+}
+
+int64_t rowsOf(db::Connection& c, int32_t id) {
+  const std::string w = " WHERE [Target Id]=" + std::to_string(id);
+  return count(c, "SELECT COUNT(*) FROM Cibles" + w) + count(c, "SELECT COUNT(*) FROM Catégories" + w) +
+         count(c, "SELECT COUNT(*) FROM Ecrans" + w) + count(c, "SELECT COUNT(*) FROM Organes" + w);
+}
+
+TEST(SessionTargets, DeleteUceRemovesAFullTarget) {
+  OpenSession o;
+  const int32_t keep = addTarget(o.conn(), "Garde");
+  const int32_t gone = addTarget(o.conn(), "Efface");
+
+  o.s->DbDeleteUce();  // no active target: nothing happens
+  EXPECT_EQ(rowsOf(o.conn(), gone), 4);
+
+  o.s->NewTarget()->setTargetid(gone);
+  o.s->DbDeleteUce();
+  EXPECT_EQ(rowsOf(o.conn(), gone), 0);
+  EXPECT_EQ(rowsOf(o.conn(), keep), 4);
+  EXPECT_EQ(o.s->ActiveTarget(), nullptr);
+}
+
+TEST(SessionTargets, DeleteUceFailureDeletesNothing) {
+  OpenSession o;
+  const int32_t victim = addTarget(o.conn(), "A");
+  const int32_t other = addTarget(o.conn(), "B");
+  // A screen of another target filed under the victim's category keeps that
+  // category from going.
+  o.conn().execute("INSERT INTO Ecrans ([Target Id],[Category Id],[Screen Name]) VALUES (" + std::to_string(other) +
+                   ",(SELECT [Category Id] FROM Catégories WHERE [Target Id]=" + std::to_string(victim) +
+                   "),'Intrus')");
+  o.s->NewTarget()->setTargetid(victim);
+  EXPECT_THROW(o.s->DbDeleteUce(), Error);
+  EXPECT_EQ(rowsOf(o.conn(), victim), 4);
+  EXPECT_NE(o.s->ActiveTarget(), nullptr);
+}
+
+// ---- seeding
+
+TEST(SessionImport, SeedsANewDatabaseFromTheExample) {
+  test::TempDir dir;
+  const std::string path = dir.file("seeded.sqlite");
+  KavrelDatabase::createDatabase(path);
+  auto s = KavrelDatabase::create();
+  s->DbOpen(path);
+  s->importParametersFromXml(kExample);
+  s->DbRead();
+  EXPECT_FALSE(lastError().pending());
+
+  auto f = s->functions();
+  ASSERT_GE(f->Count(), 10);
+  for (int32_t i = 2; i <= f->Count(); ++i)
+    EXPECT_LT(f->Item(i - 1)->functionName(), f->Item(i)->functionName());
+  auto diesel = f->ItemName("Injection diesel");
+  ASSERT_NE(diesel, nullptr);
+  EXPECT_EQ(diesel->CanXId(), static_cast<int32_t>(0x80000000u | 0x18DA10F1u));
+  EXPECT_EQ(diesel->CanRId(), -1730481904);
+  EXPECT_EQ(f->ItemName("Injection essence")->CanXId(), 2016);
+  EXPECT_EQ(f->ItemName("Antidémarrage")->CanXId(), -1);
+
+  for (int32_t mode : {0, 1, 2, 3, 255}) EXPECT_NE(s->protocols()->ItemId(mode, false), nullptr) << mode;
+  EXPECT_EQ(s->protocols()->ItemId(3, true)->protocolName(), "ISO 15765 CAN 500 kbit/s multipoint");
+  EXPECT_EQ(s->Pannes()->ItemId(0)->libelle(), "Ne contient pas de pannes");
+  EXPECT_EQ(s->typeOrganes()->ItemId(1)->libelle(), "Entrée");
+
+  // A second import collides with the first and writes nothing.
+  const int64_t before = count(*s->DbConnection(), "SELECT COUNT(*) FROM [Type Organe]");
+  EXPECT_THROW(s->importParametersFromXml(kExample), Error);
+  EXPECT_EQ(count(*s->DbConnection(), "SELECT COUNT(*) FROM [Type Organe]"), before);
+}
+
+TEST(SessionImport, RefusesBadInput) {
+  test::TempDir dir;
+  auto s = KavrelDatabase::create();
+  Error e = thrownBy([&] { s->importParametersFromXml(kExample); });
+  EXPECT_EQ(e.number(), 2);
+  EXPECT_EQ(e.description(), "Error database not defined");
+
+  const std::string path = dir.file("p.sqlite");
+  KavrelDatabase::createDatabase(path);
+  s->DbOpen(path);
+
+  const std::string missing = dir.file("absent.xml");
+  e = thrownBy([&] { s->importParametersFromXml(missing); });
+  EXPECT_EQ(e.number(), 1);
+  EXPECT_NE(e.description().find(missing), std::string::npos) << e.description();
+
+  const std::string wrongRoot = dir.file("root.xml");
+  std::ofstream(wrongRoot) << "<?xml version=\"1.0\"?><params><Functions/></params>";
+  e = thrownBy([&] { s->importParametersFromXml(wrongRoot); });
+  EXPECT_EQ(e.number(), 1);
+  EXPECT_EQ(e.description(), "Bad xml file, RootNode \"xml\" not found");
+
+  const std::string badEntry = dir.file("bad.xml");
+  std::ofstream(badEntry) << "<xml><Functions><Function Name=\"A\" Address=\"1\"/></Functions>"
+                             "<Failures><Failure Name=\"B\" Id=\"un\"/></Failures></xml>";
+  e = thrownBy([&] { s->importParametersFromXml(badEntry); });
+  EXPECT_EQ(e.number(), kErrTypeMismatch);
+  EXPECT_NE(e.description().find("Failures"), std::string::npos) << e.description();
+  EXPECT_EQ(count(*s->DbConnection(), "SELECT COUNT(*) FROM [Fonctions]"), 0);
+}
+
+}  // namespace
+}  // namespace kavrel
