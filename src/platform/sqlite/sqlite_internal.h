@@ -1,0 +1,154 @@
+// Private parts of the SQLite backend shared by its connection and result
+// sets. Nothing here is visible above src/platform/sqlite.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "kavrel/platform/db.h"
+
+namespace kavrel::db::sqlite {
+
+inline constexpr const char* kSource = "SQLite";
+inline constexpr const char* kRecordsetSource = "Recordset";
+
+// Numbers of the legacy data-access layer, for failures of the result sets
+// themselves (not of the engine).
+inline constexpr int32_t kErrNoCurrentRow = 3021;
+inline constexpr int32_t kErrBadArguments = 3001;
+inline constexpr int32_t kErrNotSupported = 3251;
+inline constexpr int32_t kErrItemNotFound = 3265;
+inline constexpr int32_t kErrObjectClosed = 3704;
+
+[[noreturn]] void throwNoCurrentRow();
+[[noreturn]] void throwItemNotFound(std::string_view name);
+[[noreturn]] void throwClosed();
+[[noreturn]] void throwRecordsetError(int32_t number, std::string description);
+
+class Database;
+
+// A prepared statement. It registers with its database so that closing the
+// connection finalizes it even while a result set still holds it; using it
+// afterwards throws "connection closed".
+class Statement {
+ public:
+  Statement(Database& db, sqlite3_stmt* stmt, std::string sql);
+  ~Statement();
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  sqlite3_stmt* get();  // throws when the connection was closed
+  const std::string& sql() const { return sql_; }
+  void finalize() noexcept;
+
+  // Binds a value to parameter `index` (1-based). Text is bound without a
+  // copy: the value must live until the statement has stepped.
+  void bind(int index, const Value& v);
+  // Steps a statement that returns no row, then resets it (also on failure).
+  void runToEnd();
+
+ private:
+  Database* db_;
+  sqlite3_stmt* stmt_;
+  std::string sql_;
+};
+
+struct ColumnInfo {
+  std::string name;
+  std::string declaredType;
+  int pkPosition = 0;  // 0 = not part of the primary key
+};
+
+struct TableInfo {
+  std::string name;
+  std::vector<ColumnInfo> columns;
+  // The column that aliases the rowid (INTEGER PRIMARY KEY), or -1.
+  int rowidAlias = -1;
+};
+
+// The open database and the state every object on it shares.
+class Database {
+ public:
+  Database(sqlite3* db, std::string description);
+  ~Database();
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+
+  sqlite3* handle();  // throws when closed
+  bool isOpen() const { return db_ != nullptr; }
+  void close() noexcept;
+  const std::string& description() const { return description_; }
+
+  // Builds the DbError of a failed engine call, records it in the error list
+  // and throws it. `sql` (may be empty) is named in the description.
+  [[noreturn]] void fail(int rc, std::string_view sql);
+  [[noreturn]] void fail(DbError e);
+  std::vector<DbError>& errors() { return errors_; }
+
+  // Prepares one statement (already adapted to the engine's dialect).
+  // A text holding a second statement is refused.
+  std::unique_ptr<Statement> prepare(std::string_view sql, std::string_view shownSql = {});
+  // A statement kept for reuse by its text (row inserts and updates).
+  std::shared_ptr<Statement> cached(const std::string& sql);
+  // Runs a statement that returns no rows.
+  void run(std::string_view sql);
+
+  const TableInfo& tableInfo(const std::string& table);
+
+  void registerStatement(Statement* s) { statements_.insert(s); }
+  void unregisterStatement(Statement* s) { statements_.erase(s); }
+
+  int transactionDepth = 0;
+  int64_t recordsAffected = 0;
+
+ private:
+  sqlite3* db_;
+  std::string description_;
+  std::vector<DbError> errors_;
+  std::unordered_set<Statement*> statements_;
+  std::map<std::string, std::shared_ptr<Statement>> cache_;
+  std::map<std::string, TableInfo> tables_;
+};
+
+// The engine's value of a result column.
+Value columnValue(sqlite3_stmt* stmt, int column);
+
+// Field names: matched without letter case (ASCII and Latin-1 capitals) and
+// without enclosing brackets or blanks.
+std::string foldName(std::string_view name);
+class FieldNames {
+ public:
+  void add(std::string name);
+  int size() const { return static_cast<int>(names_.size()); }
+  const std::string& name(int i) const { return names_[static_cast<size_t>(i)]; }
+  // -1 when no field has that name; the first of equal names wins.
+  int find(std::string_view name) const;
+  // As find(), but throws error 3265 for an unknown name.
+  int require(std::string_view name) const;
+  void checkIndex(int index) const;
+
+ private:
+  std::vector<std::string> names_;
+  std::vector<std::string> folded_;
+};
+
+// Dialect: what the legacy SQL texts need to run here. "DELETE * FROM" (any
+// case and blanks) becomes "DELETE FROM"; the rest is taken as it stands.
+std::string adaptSql(std::string_view sql);
+// "name" quoted as an identifier for generated statements.
+std::string quoteIdentifier(std::string_view name);
+// Position of the top-level FROM keyword of a SELECT, or npos.
+size_t findTopLevelFrom(std::string_view select);
+
+std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt);
+std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt);
+std::unique_ptr<UpdatableRecordset> makeUpdatableRecordset(std::shared_ptr<Database> db, std::string_view sql);
+
+}  // namespace kavrel::db::sqlite
