@@ -1,0 +1,436 @@
+#include "kavrel/target/target_item.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "kavrel/kavrel.h"
+#include "support/older_layout.h"
+#include "support/temp_db.h"
+#include "target/target_fixture.h"
+
+namespace kavrel {
+namespace {
+
+TEST(TargetItemProperties, DirtyFlagIsSetByAllButParentAutoIdentsAndCategories) {
+  auto session = KavrelDatabase::create();
+  auto t = TargetItem::create();
+  EXPECT_TRUE(t->ValueChanged());
+  EXPECT_EQ(t->Langue(), "Français");
+  EXPECT_TRUE(t->reference());
+  ASSERT_TRUE(t->Parametres());
+  EXPECT_EQ(t->Parametres()->parent(), t);
+
+  t->setValueChanged(false);
+  t->setParent(session);
+  t->setAutoIdents(std::make_shared<AutoIdentItems>());
+  t->setCategories(std::make_shared<CategoryItems>());
+  EXPECT_FALSE(t->ValueChanged());
+
+  const std::vector<std::function<void()>> marking = {
+      [&] { t->setTargetid(1); },
+      [&] { t->setAddress(2); },
+      [&] { t->setName("n"); },
+      [&] { t->setLangue("English"); },
+      [&] { t->setReference(false); },
+      [&] { t->setDatas(nullptr); },
+      [&] { t->setDatasRef(nullptr); },
+      [&] { t->setRequests(nullptr); },
+      [&] { t->setOrganes(nullptr); },
+      [&] { t->setParametres(t->Parametres()); },
+  };
+  for (size_t i = 0; i < marking.size(); ++i) {
+    t->setValueChanged(false);
+    marking[i]();
+    EXPECT_TRUE(t->ValueChanged()) << "setter " << i;
+  }
+}
+
+TEST(TargetItemProperties, ClearReleasesEverything) {
+  auto session = KavrelDatabase::create();
+  auto t = TargetItem::create();
+  t->setParent(session);
+  t->setAutoIdents(std::make_shared<AutoIdentItems>());
+  auto entry = t->AutoIdents()->Add(1, "S", "soft", "v", t);
+  t->setCategories(std::make_shared<CategoryItems>());
+  auto params = t->Parametres();
+  t->clear();
+  EXPECT_FALSE(t->parent());
+  EXPECT_FALSE(t->Parametres());
+  EXPECT_FALSE(t->AutoIdents());
+  EXPECT_FALSE(t->Categories());
+  EXPECT_FALSE(params->parent());
+  EXPECT_FALSE(entry->parent());
+}
+
+// ---- database
+
+class TargetDb : public ::testing::Test {
+ protected:
+  std::shared_ptr<TargetItem> newTarget(int32_t address, const std::string& name) {
+    auto t = s.session->NewTarget();
+    t->setAddress(address);
+    t->setName(name);
+    return t;
+  }
+  // A target read back from the database the way the editor does it.
+  std::shared_ptr<TargetItem> readBack(const std::string& name) {
+    int32_t address = 0, id = 0;
+    EXPECT_TRUE(s.session->DbFindUceByName(name, address, id));
+    auto t = s.session->NewTarget();
+    EXPECT_TRUE(t->dbReadTargetAll(*s.conn, address, id));
+    return t;
+  }
+  void refuseInsertsInto(const std::string& table) {
+    s.conn->execute("CREATE TRIGGER refuse_" + std::to_string(++triggers) + " BEFORE INSERT ON " + table +
+                    " BEGIN SELECT RAISE(ABORT, 'refused by test'); END");
+  }
+  int triggers = 0;
+  test::SessionDb s;
+};
+
+TEST_F(TargetDb, InsertedTargetReadsBackWhole) {
+  auto t = newTarget(122, "ABS 5.3");
+  t->setLangue("English");
+  t->setReference(false);
+  t->Parametres()->setBaudRate(9600);
+  t->Parametres()->setTypePanneId(3);
+  t->setAutoIdents(std::make_shared<AutoIdentItems>());
+  t->AutoIdents()->Add(12, "SUP", "SW1", "V2", t);
+  t->dbInsertTargetAll(*s.conn);
+  EXPECT_FALSE(t->ValueChanged());
+  EXPECT_GT(t->targetid(), 0);
+  EXPECT_FALSE(lastError().pending()) << lastError().description;
+  const std::string id = std::to_string(t->targetid());
+  EXPECT_EQ(s.count("SELECT count(*) FROM [Appartenance cible] WHERE [Target Id]=" + id + " AND [Ecu Id]=" + id +
+                    " AND [Target Address]=122 AND [Ecu Address]=122"),
+            1);
+  EXPECT_EQ(s.count("SELECT count(*) FROM Fonctions"), 2);  // the existing function row is kept
+
+  auto r = readBack("ABS 5.3");
+  EXPECT_FALSE(r->ValueChanged());
+  EXPECT_EQ(r->targetid(), t->targetid());
+  EXPECT_EQ(r->Address(), 122);
+  EXPECT_EQ(r->Langue(), "English");
+  EXPECT_FALSE(r->reference());
+  EXPECT_EQ(r->Parametres()->BaudRate(), 9600);
+  EXPECT_EQ(r->Parametres()->TypePanne(), "Pannes codées");
+  EXPECT_EQ(r->Parametres()->CanXId(), -1);  // Null XId leaves the default
+  ASSERT_TRUE(r->AutoIdents());
+  ASSERT_EQ(r->AutoIdents()->Count(), 1);
+  EXPECT_EQ(r->AutoIdents()->Item(1)->Soft(), "SW1");
+  EXPECT_TRUE(r->datas());
+  EXPECT_TRUE(r->Requests());
+  EXPECT_TRUE(r->Organes());
+  EXPECT_FALSE(r->datasRef());
+}
+
+TEST_F(TargetDb, DbReadIsTrueForAnUnknownIdAndTakesCanIdsWhenPresent) {
+  auto t = newTarget(0, "kept");
+  t->Parametres()->setCanXId(77);
+  EXPECT_TRUE(t->DbRead(*s.conn, 5, 999));
+  EXPECT_EQ(t->name(), "kept");
+  EXPECT_EQ(t->Address(), 5);
+  EXPECT_EQ(t->targetid(), 999);
+
+  s.conn->execute("INSERT INTO Cibles (Address,[Target Name],Langue,[Référence]) VALUES (65,'INJ','Deutsch',0)");
+  const int32_t id = static_cast<int32_t>(s.count("SELECT max([Target Id]) FROM Cibles"));
+  EXPECT_TRUE(t->DbRead(*s.conn, 65, id));
+  EXPECT_EQ(t->name(), "INJ");
+  EXPECT_FALSE(t->reference());
+  EXPECT_EQ(t->Parametres()->CanXId(), test::kExtendedId);
+  EXPECT_EQ(t->Parametres()->CanRId(), 2016);
+  // A function without identifiers leaves them as they were.
+  s.conn->execute("INSERT INTO Cibles (Address,[Target Name],Langue,[Référence]) VALUES (122,'ABS','Deutsch',0)");
+  EXPECT_TRUE(t->DbRead(*s.conn, 122, id + 1));
+  EXPECT_EQ(t->name(), "ABS");
+  EXPECT_EQ(t->Parametres()->CanXId(), test::kExtendedId);
+
+  s.conn->execute("ALTER TABLE Cibles RENAME TO Cibles2");
+  EXPECT_THROW(t->DbRead(*s.conn, 65, id), Error);
+}
+
+TEST_F(TargetDb, UpdateAndRenameTouchOnlyAnExistingRow) {
+  auto t = newTarget(122, "Before");
+  t->dbInsertTargetAll(*s.conn);
+  const int32_t address = t->Address(), id = t->targetid();
+
+  t->setName("Ignored");
+  t->setValueChanged(false);
+  t->dbUpdateTargetAll(*s.conn, address, id);
+  EXPECT_EQ(readBack("Before")->name(), "Before");
+
+  t = readBack("Before");
+  t->setLangue("Italiano");
+  t->dbUpdateTargetAll(*s.conn, address, id + 100);  // no such row
+  EXPECT_TRUE(t->ValueChanged());
+  t->dbUpdateTargetAll(*s.conn, address, id);
+  EXPECT_FALSE(t->ValueChanged());
+  EXPECT_EQ(readBack("Before")->Langue(), "Italiano");
+
+  t = readBack("Before");
+  t->dbRename(*s.conn, "After");
+  EXPECT_EQ(t->name(), "After");
+  EXPECT_FALSE(t->ValueChanged());
+  EXPECT_EQ(readBack("After")->targetid(), id);
+
+  t->setTargetid(id + 100);
+  t->dbRename(*s.conn, "Lost");
+  EXPECT_EQ(t->name(), "After");
+}
+
+TEST_F(TargetDb, NewFunctionRowLeavesMissingIdentifiersEmpty) {
+  xml::Document doc;
+  ASSERT_TRUE(doc.loadString("<xml><kvr:Target Name=\"New\"><Function Name=\"Airbag\" Address=\"300\"/>"
+                             "<CAN BaudRate=\"500000\" Multipoint=\"0\" InitMode=\"3\"><SendId><CANId Value=\"1818\"/>"
+                             "</SendId></CAN></kvr:Target></xml>"));
+  auto t = s.session->NewTarget();
+  t->loadXml(doc, doc.documentElement());
+  ASSERT_TRUE(s.session->functions()->ItemName("Airbag"));
+  t->dbInsertTargetAll(*s.conn);
+  EXPECT_EQ(s.count("SELECT count(*) FROM Fonctions WHERE Address=300 AND [Function Name]='Airbag' AND XId=1818 "
+                    "AND RId IS NULL"),
+            1);
+}
+
+TEST_F(TargetDb, FunctionRowFailureAccumulatesPrefixesAndWritesNothing) {
+  refuseInsertsInto("Fonctions");
+  xml::Document doc;
+  ASSERT_TRUE(doc.loadString("<xml><kvr:Target Name=\"New\"><Function Name=\"Airbag\" Address=\"300\"/></kvr:Target></xml>"));
+  auto t = s.session->NewTarget();
+  t->loadXml(doc, doc.documentElement());
+  try {
+    t->dbInsertTargetAll(*s.conn);
+    FAIL() << "the insert should fail";
+  } catch (const Error& e) {
+    EXPECT_EQ(e.description().rfind("Insert Uce error :  DbInsert Function Error : ", 0), 0u) << e.description();
+    EXPECT_NE(e.description().find("refused by test"), std::string::npos);
+    EXPECT_NE(e.number(), 0);
+  }
+  EXPECT_EQ(s.count("SELECT count(*) FROM Cibles"), 0);
+  EXPECT_TRUE(t->ValueChanged());
+}
+
+TEST_F(TargetDb, TargetRowFailureRollsBackTheFunctionRow) {
+  refuseInsertsInto("Cibles");
+  xml::Document doc;
+  ASSERT_TRUE(doc.loadString("<xml><kvr:Target Name=\"New\"><Function Name=\"Airbag\" Address=\"300\"/></kvr:Target></xml>"));
+  auto t = s.session->NewTarget();
+  t->loadXml(doc, doc.documentElement());
+  try {
+    t->dbInsertTargetAll(*s.conn);
+    FAIL() << "the insert should fail";
+  } catch (const Error& e) {
+    EXPECT_EQ(e.description().rfind("Insert Uce error : ", 0), 0u) << e.description();
+    EXPECT_EQ(e.description().find("DbInsert Function Error"), std::string::npos);
+  }
+  EXPECT_EQ(s.count("SELECT count(*) FROM Fonctions WHERE Address=300"), 0);
+  EXPECT_EQ(s.conn->transactionDepth(), 0);
+}
+
+TEST_F(TargetDb, ParametersFailureStopsBeforeTheCollections) {
+  refuseInsertsInto("[Paramètres UCE]");
+  auto t = newTarget(122, "P");
+  t->setAutoIdents(std::make_shared<AutoIdentItems>());
+  t->AutoIdents()->Add(1, "S", "x", "y", t);
+  try {
+    t->dbInsertTargetAll(*s.conn);
+    FAIL() << "the insert should fail";
+  } catch (const Error& e) {
+    EXPECT_EQ(e.description().rfind("Insert parameters error : ", 0), 0u) << e.description();
+  }
+  EXPECT_EQ(s.count("SELECT count(*) FROM Cibles"), 0);
+  EXPECT_EQ(s.count("SELECT count(*) FROM [Appartenance cible]"), 0);
+  EXPECT_EQ(s.count("SELECT count(*) FROM Identification"), 0);
+}
+
+TEST_F(TargetDb, CollectionFailuresNeitherStopNorReachTheCaller) {
+  refuseInsertsInto("Identification");
+  auto t = newTarget(122, "C");
+  t->setAutoIdents(std::make_shared<AutoIdentItems>());
+  t->AutoIdents()->Add(1, "S", "x", "y", t);
+  t->AutoIdents()->Add(2, "S", "x", "y", t);
+  clearLastError();
+  EXPECT_NO_THROW(t->dbInsertTargetAll(*s.conn));
+  EXPECT_TRUE(lastError().pending());  // left for the caller to test
+  EXPECT_FALSE(t->ValueChanged());
+  EXPECT_EQ(s.count("SELECT count(*) FROM Cibles"), 1);
+  EXPECT_EQ(s.count("SELECT count(*) FROM [Paramètres UCE]"), 1);
+}
+
+TEST(TargetOlderLayout, FixtureLoadsThroughTheSession) {
+  test::TempDir dir;
+  const std::string path = dir.file("old.sqlite");
+  test::createOlderLayoutDb(path);
+  EXPECT_THROW(test::createOlderLayoutDb(path), std::exception);  // never overwrites
+  {
+    auto conn = db::openConnection(path);
+    conn->execute("INSERT INTO Fonctions (Address,[Function Name]) VALUES (122,'ABS')");
+    conn->execute("INSERT INTO Protocoles ([Protocol Name],[Init mode],Multipoint) VALUES ('KWP',2,-1)");
+    conn->close();
+  }
+  auto session = KavrelDatabase::create();
+  session->setFileName(path);
+  session->dbReadKVR();
+  ASSERT_TRUE(session->functions());
+  EXPECT_EQ(session->functions()->Count(), 1);
+  EXPECT_EQ(session->functions()->Item(1)->CanXId(), -1);
+  ASSERT_TRUE(session->Pannes());
+  EXPECT_EQ(session->Pannes()->Count(), 1);  // the layout has no failure types
+  EXPECT_EQ(session->dbVersion(), "");
+  session->CheckDatabaseVersion();
+  EXPECT_EQ(session->dbVersion(), "3");
+  clearLastError();
+}
+
+TEST(TargetOlderLayout, ReadsNameParametersAndLeavesTheRest) {
+  test::TempDir dir;
+  const std::string path = dir.file("old.sqlite");
+  test::createOlderLayoutDb(path);
+  auto conn = db::openConnection(path);
+  conn->execute("INSERT INTO Cibles (Address,[Target Name]) VALUES (122,'ABS old')");
+  conn->execute("INSERT INTO [Paramètres UCE] ([Ecu Id],[Init Mode],[Baud Rate],Multipoint,[Little Endian]) "
+                "VALUES (1,0,4800,0,0)");
+  auto t = TargetItem::create();
+  t->setLangue("English");
+  t->setReference(false);
+  EXPECT_TRUE(t->dbReadKVR(*conn, 122, 1));
+  EXPECT_EQ(t->name(), "ABS old");
+  t->setName("");
+  t->dbReadTargetAllKVR(*conn, 122, 1);
+  EXPECT_EQ(t->name(), "ABS old");
+  EXPECT_EQ(t->Langue(), "English");
+  EXPECT_FALSE(t->reference());
+  EXPECT_EQ(t->Parametres()->BaudRate(), 4800);
+  EXPECT_FALSE(t->ValueChanged());
+  EXPECT_FALSE(t->AutoIdents());
+  EXPECT_FALSE(t->Organes());
+  EXPECT_TRUE(t->datas());
+  EXPECT_TRUE(t->Requests());
+
+  // No row: an error, not an empty read.
+  EXPECT_THROW(t->dbReadTargetAllKVR(*conn, 122, 2), Error);
+  // The identification table of the current layout is not there.
+  auto idents = std::make_shared<AutoIdentItems>();
+  try {
+    idents->dbReadAll(*conn, t);
+    FAIL() << "no Identification table";
+  } catch (const Error& e) {
+    EXPECT_EQ(e.number(), 1);
+    EXPECT_EQ(e.description(), "Table 'Identification' doesn't exist in the database");
+  }
+  conn->close();
+}
+
+// ---- XML
+
+std::string exportTarget(const std::shared_ptr<TargetItem>& t) {
+  xml::Document doc;
+  xml::Node root = doc.appendElement("xml");
+  t->createXMLnode(doc, root);
+  return doc.toString();
+}
+
+std::shared_ptr<TargetItem> importTarget(const std::shared_ptr<KavrelDatabase>& session, const std::string& text) {
+  xml::Document doc;
+  EXPECT_TRUE(doc.loadString(text));
+  auto t = session->NewTarget();
+  t->loadXml(doc, doc.documentElement());
+  return t;
+}
+
+TEST(TargetXml, ExportWritesTheFrameAndImportReadsItBack) {
+  test::SessionDb s;
+  s.session->setXmlEcuSchema("urn:ecu");
+  s.session->setXmlScreenSchema("urn:screens");
+  auto t = s.session->NewTarget();
+  t->setName("ABS");
+  t->setAddress(122);
+  t->setReference(false);
+  t->setLangue("English");
+  t->Parametres()->setLittleEndian(true);
+  t->setAutoIdents(std::make_shared<AutoIdentItems>());
+  t->AutoIdents()->Add(7, "S'Q", "", "V1", t);
+  const std::string text = exportTarget(t);
+  EXPECT_NE(text.find("<kvr:Target Name=\"ABS\" xmlns=\"urn:ecu\" xmlns:ds=\"urn:screens\">\n<Function Name=\"ABS\" "
+                      "Address=\"122\"/>\n<Language Name=\"English\"/>\n<Description"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("<Requests Endian=\"Little\"/>"), std::string::npos) << text;  // written with no requests
+  EXPECT_NE(text.find("<AutoIdents>\n<AutoIdent DiagVersion=\"7\" Supplier=\"S'Q\" Soft=\"\" Version=\"V1\"/>\n"
+                      "</AutoIdents>"),
+            std::string::npos)
+      << text;
+
+  auto back = importTarget(s.session, text);
+  clearLastError();
+  EXPECT_TRUE(back->ValueChanged());
+  EXPECT_EQ(back->name(), "ABS");
+  EXPECT_EQ(back->Address(), 122);
+  EXPECT_EQ(back->Langue(), "English");
+  EXPECT_TRUE(back->reference());  // no attribute: reference
+  EXPECT_TRUE(back->Parametres()->LittleEndian());
+  ASSERT_TRUE(back->AutoIdents());
+  ASSERT_EQ(back->AutoIdents()->Count(), 1);
+  EXPECT_EQ(back->AutoIdents()->Item(1)->SupplierCode(), "S'Q");
+  EXPECT_EQ(back->AutoIdents()->Item(1)->parent(), back);
+  back->setReference(false);
+  EXPECT_EQ(exportTarget(back), text);
+}
+
+TEST(TargetXml, IncompleteTargetElementsAreImportedWithoutError) {
+  test::SessionDb s;
+  for (const char* text : {"<xml><kvr:Target><Function Name=\"ABS\"/></kvr:Target></xml>",
+                           "<xml><kvr:Target Name=\"N\"/></xml>", "<xml><other/></xml>",
+                           "<xml><kvr:Target Name=\"N\"><Function Name=\"Unknown\"/>"
+                           "<Language Name=\"English\" Reference=\"maybe\"/></kvr:Target></xml>"}) {
+    SCOPED_TRACE(text);
+    std::shared_ptr<TargetItem> t;
+    EXPECT_NO_THROW(t = importTarget(s.session, text));
+    EXPECT_FALSE(lastError().pending()) << lastError().description;
+    EXPECT_TRUE(t->reference());
+    EXPECT_TRUE(t->ValueChanged());
+  }
+  auto t = importTarget(s.session, "<xml><kvr:Target><Function Name=\"ABS\"/></kvr:Target></xml>");
+  EXPECT_EQ(t->Address(), 122);
+  EXPECT_EQ(t->Langue(), "Français");
+  EXPECT_EQ(s.session->functions()->Count(), 2);  // nothing added for an unknown name without address
+}
+
+TEST(TargetXml, CanDescriptionUpdatesTheCatalogueFunction) {
+  test::SessionDb s;
+  auto t = importTarget(s.session,
+                        "<xml><kvr:Target Name=\"N\"><Function Name=\"ABS\"/><CAN BaudRate=\"500000\" Multipoint=\"1\">"
+                        "<SendId><CANId Value=\"417001744\" Extended=\"1\"/></SendId>"
+                        "<ReceiveId><CANId Value=\"1800\"/></ReceiveId></CAN></kvr:Target></xml>");
+  auto f = s.session->functions()->ItemAddress(122);
+  ASSERT_TRUE(f);
+  EXPECT_EQ(f->CanXId(), test::kExtendedId);
+  EXPECT_EQ(f->CanRId(), 1800);
+  EXPECT_EQ(s.count("SELECT XId FROM Fonctions WHERE Address=122"), test::kExtendedId);
+  EXPECT_EQ(t->Parametres()->initMode(), 3);
+  EXPECT_EQ(t->Parametres()->BaudRate(), 500000);
+}
+
+TEST(TargetXml, ReloadingIdentificationEntriesEmptiesTheCategories) {
+  test::SessionDb s;
+  const std::string text =
+      "<xml><kvr:Target Name=\"N\"><Function Name=\"ABS\"/><AutoIdents><AutoIdent DiagVersion=\"1\"/></AutoIdents>"
+      "</kvr:Target></xml>";
+  xml::Document doc;
+  ASSERT_TRUE(doc.loadString(text));
+  auto t = s.session->NewTarget();
+  t->setCategories(std::make_shared<CategoryItems>());
+  t->Categories()->Add(1, "Engine");
+  t->loadXml(doc, doc.documentElement());  // no identification entries before: categories kept
+  EXPECT_EQ(t->Categories()->Count(), 1);
+  t->loadXml(doc, doc.documentElement());
+  ASSERT_TRUE(t->Categories());
+  EXPECT_EQ(t->Categories()->Count(), 0);
+  EXPECT_EQ(t->AutoIdents()->Count(), 1);
+}
+
+}  // namespace
+}  // namespace kavrel
