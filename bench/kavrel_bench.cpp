@@ -1,0 +1,309 @@
+// Times the library's bulk phases on synthetic targets of three sizes, each
+// beside its floor measured in the same run on the same data:
+//   import  (ImportUceFromXml)           vs pugixml parsing the same file
+//   insert  (dbInsertTargetAll)          vs SQLite inserting the same rows, one
+//                                           prepared statement per table, one transaction
+//   read    (dbReadTargetAll)            vs SQLite selecting those rows
+//   export  (ExportUceToXml)             vs pugixml saving the same document
+//   export-named (open, read, write XML) — reported against the sum of the
+//                                           read and export floors
+// Each size runs in its own process so that its peak memory is its own.
+//
+// Usage: kavrel_bench [S|M|L|all] [--work DIR]
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <pugixml.hpp>
+#include <string>
+#include <vector>
+
+#include <kavrel/kavrel.h>
+
+#include "synthetic_target.h"
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+double msSince(Clock::time_point t0) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+}
+
+double timeIt(const std::function<void()>& f) {
+  auto t0 = Clock::now();
+  f();
+  return msSince(t0);
+}
+
+void check(int rc, sqlite3* db, const char* what) {
+  if (rc != SQLITE_OK && rc != SQLITE_DONE && rc != SQLITE_ROW) {
+    std::fprintf(stderr, "sqlite error in %s: %s\n", what, sqlite3_errmsg(db));
+    std::exit(3);
+  }
+}
+
+// Tables that hold target rows, in the schema's creation order (parents first).
+std::vector<std::string> targetTables(sqlite3* db) {
+  static const char* catalogues[] = {"system", "Fonctions", "Protocoles", "Type Organe", "Type Panne"};
+  std::vector<std::string> out;
+  sqlite3_stmt* st = nullptr;
+  check(sqlite3_prepare_v2(db, "SELECT name FROM sqlite_master WHERE type='table' AND name NOT LIKE 'sqlite_%' ORDER BY rowid",
+                           -1, &st, nullptr),
+        db, "tables");
+  while (sqlite3_step(st) == SQLITE_ROW) {
+    std::string name = reinterpret_cast<const char*>(sqlite3_column_text(st, 0));
+    bool cat = false;
+    for (auto* c : catalogues) cat = cat || name == c;
+    if (!cat) out.push_back(name);
+  }
+  sqlite3_finalize(st);
+  return out;
+}
+
+struct TableRows {
+  std::string name;
+  int columns = 0;
+  std::vector<std::vector<std::string>> textRows;  // values as text, with a null marker
+  std::vector<std::vector<int>> types;
+};
+
+std::string q(const std::string& ident) { return "\"" + ident + "\""; }
+
+// Reads every row of every target table (the select floor when timed).
+std::vector<TableRows> selectAll(sqlite3* db, const std::vector<std::string>& tables, size_t* cells) {
+  std::vector<TableRows> out;
+  for (const auto& t : tables) {
+    TableRows tr;
+    tr.name = t;
+    sqlite3_stmt* st = nullptr;
+    check(sqlite3_prepare_v2(db, ("SELECT * FROM " + q(t)).c_str(), -1, &st, nullptr), db, "select");
+    tr.columns = sqlite3_column_count(st);
+    while (sqlite3_step(st) == SQLITE_ROW) {
+      std::vector<std::string> row(tr.columns);
+      std::vector<int> ty(tr.columns);
+      for (int c = 0; c < tr.columns; ++c) {
+        ty[c] = sqlite3_column_type(st, c);
+        if (ty[c] != SQLITE_NULL) row[c] = reinterpret_cast<const char*>(sqlite3_column_text(st, c));
+        ++*cells;
+      }
+      tr.textRows.push_back(std::move(row));
+      tr.types.push_back(std::move(ty));
+    }
+    sqlite3_finalize(st);
+    out.push_back(std::move(tr));
+  }
+  return out;
+}
+
+void insertAll(sqlite3* db, const std::vector<TableRows>& rows) {
+  check(sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), db, "begin");
+  for (const auto& tr : rows) {
+    if (tr.textRows.empty()) continue;
+    std::string sql = "INSERT INTO " + q(tr.name) + " VALUES (";
+    for (int c = 0; c < tr.columns; ++c) sql += c ? ",?" : "?";
+    sql += ")";
+    sqlite3_stmt* st = nullptr;
+    check(sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr), db, "prepare insert");
+    for (size_t r = 0; r < tr.textRows.size(); ++r) {
+      for (int c = 0; c < tr.columns; ++c) {
+        const auto& v = tr.textRows[r][c];
+        switch (tr.types[r][c]) {
+          case SQLITE_NULL: sqlite3_bind_null(st, c + 1); break;
+          case SQLITE_INTEGER: sqlite3_bind_int64(st, c + 1, std::stoll(v)); break;
+          case SQLITE_FLOAT: sqlite3_bind_double(st, c + 1, std::stod(v)); break;
+          default: sqlite3_bind_text(st, c + 1, v.data(), static_cast<int>(v.size()), SQLITE_STATIC);
+        }
+      }
+      check(sqlite3_step(st), db, "insert");
+      sqlite3_reset(st);
+    }
+    sqlite3_finalize(st);
+  }
+  check(sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr), db, "commit");
+}
+
+sqlite3* openRaw(const std::string& path) {
+  sqlite3* db = nullptr;
+  if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) std::exit(3);
+  sqlite3_exec(db, "PRAGMA foreign_keys=ON", nullptr, nullptr, nullptr);
+  return db;
+}
+
+std::string freshDatabase(const fs::path& dir, const std::string& name, const std::string& parameters) {
+  fs::path p = dir / name;
+  fs::remove(p);
+  kavrel::KavrelDatabase::createDatabase(p.string());
+  auto s = kavrel::KavrelDatabase::create();
+  s->DbOpen(p.string());
+  s->importParametersFromXml(parameters);
+  s->DbClose();
+  return p.string();
+}
+
+long peakKiB() {
+  rusage ru{};
+  getrusage(RUSAGE_SELF, &ru);
+  return ru.ru_maxrss;
+}
+
+// One size, in this process. Prints "phase time floor" lines on stdout.
+int runSize(const kavrel::bench::SyntheticSize& size, const fs::path& work) {
+  const std::string parameters = std::string(KAVREL_SOURCE_DIR) + "/examples/parameters.xml";
+  fs::create_directories(work);
+  const std::string xmlFile = (work / ("target_" + size.label + ".xml")).string();
+  const std::string xmlOut = (work / ("target_" + size.label + "_out.xml")).string();
+  const std::string xmlNamed = (work / ("target_" + size.label + "_named.xml")).string();
+
+  // Set-up (not timed): the synthetic target written to a file.
+  std::string dbGen = freshDatabase(work, "gen_" + size.label + ".db", parameters);
+  int32_t address = 0;
+  {
+    auto s = kavrel::KavrelDatabase::create();
+    s->DbOpen(dbGen);
+    s->DbRead();
+    address = s->functions()->Item(1)->Address();
+    kavrel::bench::buildSyntheticTarget(*s, size, address);
+    s->ExportUceToXml(xmlFile);
+    s->DbClose();
+  }
+
+  std::map<std::string, std::pair<double, double>> phases;
+  std::string db = freshDatabase(work, "lib_" + size.label + ".db", parameters);
+  std::string targetName;
+  int32_t targetAddress = 0, targetId = 0;
+  {
+    auto s = kavrel::KavrelDatabase::create();
+    s->DbOpen(db);
+    s->DbRead();
+    double tImport = timeIt([&] { s->ImportUceFromXml(xmlFile); });
+    pugi::xml_document doc;
+    double fImport = timeIt([&] { doc.load_file(xmlFile.c_str(), pugi::parse_default | pugi::parse_declaration | pugi::parse_pi | pugi::parse_comments); });
+    phases["1 import"] = {tImport, fImport};
+
+    auto target = s->ActiveTarget();
+    double tInsert = timeIt([&] { target->dbInsertTargetAll(*s->DbConnection()); });
+    targetName = target->name();
+    targetAddress = target->Address();
+    targetId = target->targetid();
+
+    // Insert floor: the same rows into a fresh database of the same schema.
+    sqlite3* raw = openRaw(db);
+    auto tables = targetTables(raw);
+    size_t cells = 0;
+    auto rows = selectAll(raw, tables, &cells);
+    sqlite3_close(raw);
+    std::string dbFloor = freshDatabase(work, "floor_" + size.label + ".db", parameters);
+    sqlite3* rawFloor = openRaw(dbFloor);
+    double fInsert = timeIt([&] { insertAll(rawFloor, rows); });
+    sqlite3_close(rawFloor);
+    phases["2 insert"] = {tInsert, fInsert};
+
+    s->ClearTarget();
+    auto t2 = s->NewTarget();
+    double tRead = timeIt([&] { t2->dbReadTargetAll(*s->DbConnection(), targetAddress, targetId); });
+    raw = openRaw(db);
+    size_t cells2 = 0;
+    double fRead = timeIt([&] { selectAll(raw, tables, &cells2); });
+    sqlite3_close(raw);
+    phases["3 read"] = {tRead, fRead};
+
+    double tExport = timeIt([&] { s->ExportUceToXml(xmlOut); });
+    double fExport = timeIt([&] { doc.save_file(xmlOut.c_str(), "", pugi::format_raw); });
+    phases["4 export"] = {tExport, fExport};
+    s->DbClose();
+    phases["5 export-named"] = {0, fRead + fExport};
+  }
+  {
+    auto s = kavrel::KavrelDatabase::create();
+    double tNamed = timeIt([&] { s->ExportNamedUceToXml(db, targetName, xmlNamed); });
+    phases["5 export-named"].first = tNamed;
+  }
+  for (const auto& [phase, tf] : phases)
+    std::printf("%s %s %.3f %.3f\n", size.label.c_str(), phase.c_str() + 2, tf.first, tf.second);
+  std::printf("%s peak-KiB %ld 0\n", size.label.c_str(), peakKiB());
+  return 0;
+}
+
+struct Line {
+  double t = 0, f = 0;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string which = "all";
+  fs::path work = fs::temp_directory_path() / "kavrel_bench";
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    if (a == "--work" && i + 1 < argc) work = argv[++i];
+    else if (a == "S" || a == "M" || a == "L" || a == "all") which = a;
+    else {
+      std::fprintf(stderr, "usage: kavrel_bench [S|M|L|all] [--work DIR]\n");
+      return 2;
+    }
+  }
+  const auto s = kavrel::bench::sizeS();
+  std::map<std::string, kavrel::bench::SyntheticSize> sizes = {
+      {"S", s}, {"M", kavrel::bench::scaled(s, 10, "M")}, {"L", kavrel::bench::scaled(s, 30, "L")}};
+  if (which != "all") return runSize(sizes[which], work);
+
+  // Each size in its own process; collect its lines.
+  std::map<std::string, std::map<std::string, Line>> results;
+  for (const char* label : {"S", "M", "L"}) {
+    int fds[2];
+    if (pipe(fds) != 0) return 3;
+    pid_t pid = fork();
+    if (pid == 0) {
+      close(fds[0]);
+      dup2(fds[1], STDOUT_FILENO);
+      int rc = runSize(sizes[label], work);
+      std::fflush(stdout);
+      _exit(rc);
+    }
+    close(fds[1]);
+    std::string out;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+    close(fds[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      std::fprintf(stderr, "size %s failed\n", label);
+      return 1;
+    }
+    char lab[8], phase[64];
+    double t, f;
+    const char* p = out.c_str();
+    int used = 0;
+    while (std::sscanf(p, "%7s %63s %lf %lf\n%n", lab, phase, &t, &f, &used) == 4) {
+      results[label][phase] = {t, f};
+      p += used;
+    }
+  }
+
+  std::printf("%-13s %5s %10s %10s %7s\n", "phase", "size", "time ms", "floor ms", "ratio");
+  for (const char* phase : {"import", "insert", "read", "export", "export-named"}) {
+    for (const char* label : {"S", "M", "L"}) {
+      const Line& l = results[label][phase];
+      std::printf("%-13s %5s %10.1f %10.1f %7.2f\n", phase, label, l.t, l.f, l.f > 0 ? l.t / l.f : 0.0);
+    }
+  }
+  std::printf("\ngrowth (time L / time S; 30 is linear):\n");
+  for (const char* phase : {"import", "insert", "read", "export", "export-named"}) {
+    const double sT = results["S"][phase].t, lT = results["L"][phase].t;
+    std::printf("  %-13s %6.1f\n", phase, sT > 0 ? lT / sT : 0.0);
+  }
+  std::printf("\npeak memory (MiB): S %.1f  M %.1f  L %.1f\n", results["S"]["peak-KiB"].t / 1024,
+              results["M"]["peak-KiB"].t / 1024, results["L"]["peak-KiB"].t / 1024);
+  return 0;
+}

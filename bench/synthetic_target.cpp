@@ -1,0 +1,117 @@
+#include "synthetic_target.h"
+
+#include <kavrel/kavrel.h>
+
+#include <string>
+
+namespace kavrel::bench {
+
+namespace {
+std::string num(int i, int width) {
+  std::string s = std::to_string(i);
+  return std::string(s.size() < static_cast<size_t>(width) ? width - s.size() : 0, '0') + s;
+}
+}  // namespace
+
+std::shared_ptr<TargetItem> buildSyntheticTarget(KavrelDatabase& session, const SyntheticSize& size,
+                                                 int32_t functionAddress) {
+  auto target = session.NewTarget();
+  target->setName("Synthetic " + size.label);
+  target->setAddress(functionAddress);
+  target->setLangue("Français");
+  auto params = target->Parametres();
+  params->setInitMode(2);
+  params->setBaudRate(10400);
+  params->setComment("Synthetic target for measurements");
+
+  auto idents = std::make_shared<AutoIdentItems>();
+  for (int i = 0; i < 4; ++i)
+    idents->Add(10 + i, "SUP" + std::to_string(i), "SOFT" + std::to_string(i), "V" + std::to_string(i), target);
+  target->setAutoIdents(idents);
+
+  // Data items: every third one carries a value list, the others are scaled
+  // numbers or byte strings.
+  auto datas = std::make_shared<DataItems>();
+  target->setDatas(datas);
+  int listEntriesLeft = size.listEntries;
+  const int listed = size.dataItems / 3;
+  const int perList = listed > 0 ? (size.listEntries + listed - 1) / listed : 0;
+  for (int i = 0; i < size.dataItems; ++i) {
+    auto d = datas->Add(0);
+    d->setParent(target);
+    d->setDataname("Data " + num(i, 6));
+    d->setMnemo("D" + std::to_string(i));
+    d->setDescription("Measured value number " + std::to_string(i));
+    if (i % 3 == 0 && listEntriesLeft > 0) {
+      d->setListe(true);
+      d->setNumberBits(8);
+      for (int v = 0; v < perList && listEntriesLeft > 0; ++v, --listEntriesLeft) {
+        auto e = d->DataListes()->Add(v);
+        e->setParent(d);
+        e->setLibelle("State " + std::to_string(v) + " of data " + std::to_string(i));
+        if (v % 4 == 0) e->setInfo("Information text " + std::to_string(v));
+      }
+    } else if (i % 3 == 1) {
+      d->setNumberBits(16);
+      d->setSigne(i % 2 == 0);
+      d->setCoeffA(0.125);
+      d->setCoeffB(-40);
+      d->setUnite("°C");
+      d->setDataFormat("%.1f");
+    } else {
+      d->setNumerique(false);
+      d->setNumberBits(8 * (1 + i % 8));
+      d->setAscii(i % 2 == 0);
+    }
+  }
+
+  // Requests with their positions (each data placed size.positions/dataItems times).
+  auto requests = std::make_shared<RequestItems>();
+  target->setRequests(requests);
+  const int perRequest = size.requests > 0 ? (size.positions + size.requests - 1) / size.requests : 0;
+  int placed = 0;
+  for (int r = 0; r < size.requests; ++r) {
+    auto req = requests->Add(0);
+    req->setParent(target);
+    req->setRequestName("Read block " + num(r, 5));
+    req->setRequestBytes(ByteFrame::fromText("21 " + text::hex(r % 256)));
+    req->setReplyBytes(ByteFrame::fromText("61 " + text::hex(r % 256)));
+    req->setLengthDatas(2 + perRequest);
+    req->setAccesEtudes(r % 5 != 0);
+    if (r % 7 == 0) req->setCommentaire("Block read " + std::to_string(r));
+    for (int k = 0; k < perRequest && placed < size.positions; ++k, ++placed) {
+      auto p = req->DataPositions()->Add();
+      p->setParent(req);
+      p->setDataname("Data " + num(placed % size.dataItems, 6));
+      p->setRequestName(req->requestName());
+      p->setStartOctet(3 + k);
+      p->setStartBit(0);
+      p->setParam(r % 10 == 9);
+      p->setReference(placed < size.dataItems && k == 0);
+      if (auto d = p->Data()) {
+        if (!d->DataPositions()) d->setDataPositions(std::make_shared<DataPositionItems>());
+        d->DataPositions()->AddData(p);
+      }
+    }
+  }
+
+  auto organs = std::make_shared<OrganeItems>();
+  target->setOrganes(organs);
+  for (int o = 0; o < size.organs; ++o) {
+    auto org = organs->Add(0, "Organ " + num(o, 4), "ORG" + std::to_string(o), 1000 + o, o % 3);
+    org->setParent(target);
+    org->setRequestName("Read block " + num(o % size.requests, 5));
+    org->setRequest(requests->ItemName(org->requestName()));
+    auto dd = std::make_shared<DeviceDataItems>();
+    org->setDeviceDatas(dd);
+    for (int k = 0; k < 4; ++k) {
+      auto item = dd->Add();
+      item->setParent(org);
+      item->setDataname("Data " + num((o * 4 + k) % size.dataItems, 6));
+      item->setFlagPanne(k == 0);
+    }
+  }
+  return target;
+}
+
+}  // namespace kavrel::bench
