@@ -1,0 +1,181 @@
+// The session's XML documents: the target document (export of the active
+// target, import into a new active target) and the parameters document (the
+// four shared catalogues). The entities fill their own elements; this file
+// only builds the frame around them and handles saving and loading.
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "kavrel/catalogues/function_items.h"
+#include "kavrel/catalogues/panne_items.h"
+#include "kavrel/catalogues/protocol_items.h"
+#include "kavrel/catalogues/type_organe_items.h"
+#include "kavrel/error.h"
+#include "kavrel/platform/db.h"
+#include "kavrel/platform/xml.h"
+#include "kavrel/session/kavrel_database.h"
+#include "kavrel/target/target_item.h"
+
+namespace kavrel {
+
+namespace {
+
+// The legacy runtime's "object variable not set", for a document asked of a
+// session that has nothing to put in it.
+constexpr int32_t kErrObjectNotSet = 91;
+
+constexpr const char* kLineFeed = "\n";
+
+// Declaration, optional stylesheet, root "xml" with the namespace, and the
+// line feed that opens the root's content.
+xml::Node startDocument(xml::Document& odoc, const std::string& namespaceUri) {
+  xml::Node root = odoc.appendElement("xml");
+  if (!namespaceUri.empty()) root.setAttribute("xmlns:kvr", namespaceUri);
+  root.appendText(kLineFeed);
+  return root;
+}
+
+}  // namespace
+
+void KavrelDatabase::ExportUceToXml(const std::string& fileName) {
+  if (!ActiveTarget_)
+    raise(kErrObjectNotSet, "KavrelDatabase.ExportUceToXml", "No active target to export");
+
+  xml::Document odoc;
+  odoc.appendProcessingInstruction("xml", "version='1.0' encoding=\"" + xmlEncoding_ + "\"");
+  if (!xmlStyleSheet_.empty())
+    odoc.appendProcessingInstruction("xml-stylesheet", "type=\"text/xsl\" href=\"" + xmlStyleSheet_ + "\"");
+  xml::Node root = startDocument(odoc, xmlns_);
+  ActiveTarget_->createXMLnode(odoc, root);
+
+  clearLastError();
+  if (!trap([&] { odoc.save(fileName, xmlEncoding_); })) {
+    const ErrorRecord saveError = lastError();
+    // The save error is kept under its own number and text, without source;
+    // the warning names "ExportParametersToXml" here too, as clients expect.
+    recordError(saveError.number, "", saveError.description);
+    WarningInfo.raise("ExportParametersToXml", "Save error (number : " + std::to_string(saveError.number) + ")");
+  }
+  const xml::ParseError& parse = odoc.parseError();
+  if (parse.code != 0)
+    recordError(parse.code, "ExportUceToXml save XML", "XML save error reason = " + parse.reason);
+}
+
+void KavrelDatabase::ExportParametersToXml(const std::string& fileName,
+                                           const std::optional<std::string>& xmlEncoding) {
+  if (!functions_ || !protocols_ || !Pannes_ || !typeOrganes_)
+    raise(kErrObjectNotSet, "KavrelDatabase.ExportParametersToXml",
+          "Catalogues not loaded, read the database first (DbRead)");
+  const std::string encoding = xmlEncoding.value_or(xmlEncoding_);
+
+  xml::Document odoc;
+  odoc.appendDeclaration("1.0", encoding);
+  xml::Node root = startDocument(odoc, xmlns_);
+
+  xml::Node element = root.appendElement("Functions");
+  functions_->createXMLnode(odoc, element);
+  root.appendText(kLineFeed);
+  element = root.appendElement("Protocols");
+  protocols_->createXMLnode(odoc, element);
+  root.appendText(kLineFeed);
+  element = root.appendElement("Failures");
+  Pannes_->createXMLnode(odoc, element);
+  root.appendText(kLineFeed);
+  element = root.appendElement("DeviceTypes");
+  typeOrganes_->createXMLnode(odoc, element);
+  root.appendText(kLineFeed);
+
+  clearLastError();
+  if (!trap([&] { odoc.save(fileName, encoding); })) {
+    const ErrorRecord saveError = lastError();
+    recordError(saveError.number, "", saveError.description);
+    WarningInfo.raise("ExportParametersToXml", "Save error (number : " + std::to_string(saveError.number) + ")");
+  }
+}
+
+void KavrelDatabase::ExportNamedUceToXml(const std::string& dataBaseName, const std::string& uceName,
+                                         const std::string& xmlFileName) {
+  // The whole method is an error zone: each failure is left as the pending
+  // error and the database is closed again where it was opened.
+  clearLastError();
+  // Closing must not overwrite the error that made us close.
+  auto closeKeepingError = [this] {
+    const ErrorRecord pending = lastError();
+    trap([this] { DbClose(); });
+    lastError() = pending;
+  };
+
+  if (!trap([&] { DbOpen(dataBaseName); }) || lastError().pending()) return;
+
+  trap([this] { IsKavrelDatabase(); });
+  if (lastError().pending()) {
+    closeKeepingError();
+    return;
+  }
+
+  if (!trap([this] { DbRead(); }) || lastError().pending()) {
+    closeKeepingError();
+    return;
+  }
+
+  int32_t address = 0;
+  int32_t targetid = 0;
+  bool found = false;
+  if (!trap([&] { found = DbFindUceByName(uceName, address, targetid); })) {
+    closeKeepingError();
+    return;
+  }
+  if (!found) {
+    // Nothing to export: say so, write no file.
+    recordError(1, "KavrelDatabase.ExportNamedUceToXml", "Target '" + uceName + "' not found");
+    closeKeepingError();
+    return;
+  }
+
+  trap([&] {
+    auto target = NewTarget();
+    target->dbReadTargetAll(*DbConnection_, address, targetid);
+  });
+  if (lastError().pending()) {
+    const ErrorRecord pending = lastError();
+    trap([this] { ClearTarget(); });
+    lastError() = pending;
+    closeKeepingError();
+    return;
+  }
+
+  trap([&] { ExportUceToXml(xmlFileName); });
+  if (lastError().pending()) {
+    const ErrorRecord exportError = lastError();
+    recordError(exportError.number, "ExportNamedUceToXml " + exportError.reportedSource(), exportError.description);
+  }
+
+  const ErrorRecord pending = lastError();
+  trap([this] {
+    ClearTarget();
+    if (DbConnection_) {
+      DbConnection_->close();
+      DbConnection_.reset();
+    }
+  });
+  lastError() = pending;
+}
+
+void KavrelDatabase::ImportUceFromXml(const std::string& fileName) {
+  xml::Document odoc;
+  // A file that cannot be read or parsed leaves an empty document, which is
+  // refused below for its missing root.
+  odoc.load(fileName);
+
+  NewTarget();
+
+  xml::Node root = odoc.root().selectSingleNode("xml");
+  if (root.isNull())
+    raise(1, "KavrelDatabase.ImportUceFromXml", "Bad xml file, RootNode \"xml\" not found");
+
+  clearLastError();
+  trap([&] { ActiveTarget_->loadXml(odoc, root); });
+  if (lastError().pending()) raisePending();
+}
+
+}  // namespace kavrel
