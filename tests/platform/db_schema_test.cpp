@@ -118,14 +118,14 @@ TEST_F(SchemaTest, RowsOthersDependOnCannotBeDeleted) {
   conn->execute(bPos);
   EXPECT_EQ(conn->recordsAffected(), 1);
 
-  // A request used by its positions, an organ's freeze-frame link, a
-  // scenario or a request display: each use alone keeps it. (Target a's
-  // screen contents, its scenario included, are gone already.)
+  // A request's plain positions go with it; a request used by an organ's
+  // freeze-frame link, a scenario or a request display is kept by each use
+  // alone. (Target a's screen contents, its scenario included, are gone
+  // already.)
   const std::string bid = std::to_string(b.targetId);
   auto deleteRequest = [&](int64_t id) { return "DELETE * From [Requêtes] WHERE [Request Id]=" + std::to_string(id); };
-  expectRefused(*conn, deleteRequest(a.writeRequestId));  // its position alone
-  conn->execute("DELETE FROM [Emplacement Donnée] WHERE [Target Id]=" + tid + " AND [Request Name]=" + write);
   conn->execute(deleteRequest(a.writeRequestId));
+  EXPECT_EQ(countRows(*conn, "[Emplacement Donnée] WHERE [Target Id]=" + tid + " AND [Request Name]=" + write), 0);
 
   conn->execute("DELETE FROM Donnée_Ref WHERE [Target Id]=" + tid);
   conn->execute(regimePos);

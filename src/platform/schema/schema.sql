@@ -168,8 +168,9 @@ CREATE TABLE Listes (
   PRIMARY KEY ([Data Id], Valeur, Numérique, Liste)
 );
 
--- Where a data item lies in a request. A request with positions cannot be
--- deleted; deleting the data item removes its positions.
+-- Where a data item lies in a request. Deleting the request or the data item
+-- removes its positions, unless a position is still in use (a reference
+-- position, a display), which refuses the delete.
 CREATE TABLE [Emplacement Donnée] (
   Address         INTEGER,
   [Target Id]     INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
@@ -181,7 +182,7 @@ CREATE TABLE [Emplacement Donnée] (
   Param           INTEGER,
   PRIMARY KEY ([Target Id], [Request Name], [Data Name]),
   FOREIGN KEY ([Target Id], [Request Name]) REFERENCES Requêtes ([Target Id], [Request Name])
-    ON UPDATE CASCADE ON DELETE NO ACTION,
+    ON UPDATE CASCADE ON DELETE CASCADE,
   FOREIGN KEY ([Target Id], [Data Name]) REFERENCES Données ([Target Id], [Data Name])
     ON UPDATE CASCADE ON DELETE CASCADE
 );

@@ -1,0 +1,104 @@
+// Test helper: a stored target (Fonctions and Cibles rows written with plain
+// SQL) with empty data and request collections, and small SQL shortcuts.
+//
+//   kavrel::test::StoredTarget t;             // address 122, "ABS"
+//   auto d = t.addData("Vitesse");            // inserted DataItem
+//   t.count("SELECT count(*) FROM Requêtes"); // one number
+//   t.addDisplayOf("Req", "Vitesse");         // a display showing a position
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "kavrel/platform/db.h"
+#include "kavrel/requests/data_items.h"
+#include "kavrel/requests/request_items.h"
+#include "kavrel/target/target_item.h"
+#include "kavrel/target/target_param_item.h"
+#include "support/temp_db.h"
+
+namespace kavrel::test {
+
+class StoredTarget {
+ public:
+  explicit StoredTarget(int32_t address = 122, const std::string& name = "ABS") {
+    conn_ = db_.connection();
+    conn_->execute("INSERT INTO Fonctions (Address, [Function Name]) VALUES (" + std::to_string(address) +
+                   ", 'Freinage')");
+    target = newTarget(address, name);
+  }
+
+  // Another target of the same database (its own Cibles row).
+  std::shared_ptr<TargetItem> newTarget(int32_t address, const std::string& name) {
+    conn_->execute("INSERT INTO Cibles (Address, [Target Name], Langue, [Référence]) VALUES (" +
+                   std::to_string(address) + ", " + db::sql::quote(name) + ", 'Français', -1)");
+    auto t = TargetItem::create();
+    t->setAddress(address);
+    t->setTargetid(static_cast<int32_t>(count("SELECT max([Target Id]) FROM Cibles")));
+    t->setName(name);
+    t->setDatas(std::make_shared<DataItems>());
+    t->setRequests(std::make_shared<RequestItems>());
+    return t;
+  }
+
+  db::Connection& conn() { return *conn_; }
+  std::shared_ptr<db::Connection> connection() { return conn_; }
+  const std::string& path() const { return db_.path(); }
+  std::string tid() const { return std::to_string(target->targetid()); }
+
+  // A data item of the target, stored in Données.
+  std::shared_ptr<DataItem> addData(const std::string& name) {
+    auto d = target->datas()->Add(0);
+    d->setParent(target);
+    d->setDataname(name);
+    d->dbInsert(*conn_);
+    return d;
+  }
+
+  // A request of the target (in memory only).
+  std::shared_ptr<RequestItem> addRequest(const std::string& name) {
+    auto r = target->Requests()->Add(0);
+    r->setParent(target);
+    r->setRequestName(name);
+    return r;
+  }
+
+  int64_t count(const std::string& sql) {
+    auto rs = conn_->execute(sql);
+    int64_t n = rs->eof() || rs->field(0).isNull() ? 0 : rs->field(0).toInt64();
+    rs->close();
+    return n;
+  }
+
+  // A category, a screen and a display of the target; returns the display id.
+  int64_t addDisplay() {
+    if (screenId_ == 0) {
+      conn_->execute("INSERT INTO Catégories ([Target Id], [Category Name]) VALUES (" + tid() + ", 'Mesures')");
+      conn_->execute("INSERT INTO Ecrans ([Target Id], [Category Id], [Screen Name]) VALUES (" + tid() +
+                     ", (SELECT max([Category Id]) FROM Catégories), 'Ecran')");
+      screenId_ = count("SELECT max([Screen Id]) FROM Ecrans");
+    }
+    conn_->execute("INSERT INTO Affichages ([Target Id], [Screen Id], [Type Affich]) VALUES (" + tid() + ", " +
+                   std::to_string(screenId_) + ", 3)");
+    return count("SELECT max([Display Id]) FROM Affichages");
+  }
+
+  // A display showing the stored position (request, data).
+  int64_t addDisplayOf(const std::string& request, const std::string& data) {
+    int64_t id = addDisplay();
+    conn_->execute("INSERT INTO Données_Aff ([Target Id], [Display Id], [Type Affich], [Data Name], [Request Name]) "
+                   "VALUES (" + tid() + ", " + std::to_string(id) + ", 3, " + db::sql::quote(data) + ", " +
+                   db::sql::quote(request) + ")");
+    return id;
+  }
+
+  std::shared_ptr<TargetItem> target;
+
+ private:
+  TempDb db_;
+  std::shared_ptr<db::Connection> conn_;
+  int64_t screenId_ = 0;
+};
+
+}  // namespace kavrel::test
