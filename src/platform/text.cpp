@@ -173,6 +173,12 @@ std::string mapCase(std::string_view s, Fold fold) {
   std::string out;
   out.reserve(s.size());
   for (size_t i = 0; i < s.size();) {
+    const auto b = static_cast<unsigned char>(s[i]);
+    if (b < 0x80) {  // ASCII, the usual case: no decoding needed
+      out += static_cast<char>(fold(b));
+      ++i;
+      continue;
+    }
     char32_t cp;
     const size_t n = charAt(s, i, cp);
     const char32_t mapped = (n == 1 && cp >= 0x80) ? cp : fold(cp);
@@ -192,6 +198,27 @@ std::string mapCase(std::string_view s, Fold fold) {
 }  // namespace
 
 int32_t toInt(std::string_view s) {
+  // Plain short integers (nearly every attribute of a document) need no
+  // general number scan: up to nine digits always fit.
+  {
+    std::string_view t = s;
+    while (!t.empty() && isBlank(t.front())) t.remove_prefix(1);
+    while (!t.empty() && isBlank(t.back())) t.remove_suffix(1);
+    const bool negative = !t.empty() && t.front() == '-';
+    if (!t.empty() && (t.front() == '-' || t.front() == '+')) t.remove_prefix(1);
+    if (!t.empty() && t.size() <= 9) {
+      int32_t v = 0;
+      bool digits = true;
+      for (char c : t) {
+        if (!isDigit(c)) {
+          digits = false;
+          break;
+        }
+        v = v * 10 + (c - '0');
+      }
+      if (digits) return negative ? -v : v;
+    }
+  }
   const auto v = wholeNumber(s);
   if (!v) typeMismatch();
   return roundHalfEven(*v);
@@ -237,9 +264,11 @@ std::string decimalText(double v) {
 }
 
 size_t length(std::string_view s) {
-  size_t count = 0;
+  size_t i = 0;
+  while (i < s.size() && static_cast<unsigned char>(s[i]) < 0x80) ++i;  // ASCII: one byte each
+  size_t count = i;
   char32_t cp;
-  for (size_t i = 0; i < s.size(); i += charAt(s, i, cp)) ++count;
+  for (; i < s.size(); i += charAt(s, i, cp)) ++count;
   return count;
 }
 
@@ -272,6 +301,13 @@ std::string upper(std::string_view s) { return mapCase(s, foldUpper); }
 bool iequals(std::string_view a, std::string_view b) {
   size_t i = 0, j = 0;
   while (i < a.size() && j < b.size()) {
+    const auto ba = static_cast<unsigned char>(a[i]), bb = static_cast<unsigned char>(b[j]);
+    if (ba < 0x80 && bb < 0x80) {  // ASCII on both sides: compare without decoding
+      if (foldLower(ba) != foldLower(bb)) return false;
+      ++i;
+      ++j;
+      continue;
+    }
     char32_t ca, cb;
     const size_t na = charAt(a, i, ca);
     const size_t nb = charAt(b, j, cb);

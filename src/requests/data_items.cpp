@@ -132,8 +132,10 @@ DataItem::DataItem() : DataListes_(std::make_shared<DataListeItems>()) {}
 DataItem::~DataItem() = default;
 
 void DataItem::setDataname(std::string v) {
+  if (v == dataname_) return;
   dataname_ = std::move(v);
-  detail::bumpNameVersion();
+  // The name indexes of the collections holding this item refile it.
+  detail::dataNameJournal().record(this);
 }
 
 void DataItem::clear() {
@@ -473,28 +475,19 @@ DataItems::Ptr DataItems::Add(int32_t id, std::string_view sKey) {
   return addNew(sKey, [&](DataItem& d) { d.setId(id); });
 }
 
-DataItems::Ptr DataItems::ItemName(std::string_view name) const {
-  if (indexedModCount_ != modificationCount() || indexedNameVersion_ != detail::nameVersion()) {
-    nameIndex_.clear();
-    nameIndex_.reserve(static_cast<size_t>(Count()));
-    for (const auto& d : *this)
-      if (d) nameIndex_.try_emplace(text::lower(d->dataname()), d);  // the first of a name wins
-    indexedModCount_ = modificationCount();
-    indexedNameVersion_ = detail::nameVersion();
-  }
-  auto it = nameIndex_.find(text::lower(name));
-  return it == nameIndex_.end() ? nullptr : it->second;
-}
+std::string DataItems::nameKey(const DataItem& d) { return text::lower(d.dataname()); }
+
+DataItems::Ptr DataItems::ItemName(std::string_view name) const { return nameIndex_.first(*this, text::lower(name)); }
 
 DataItems::Ptr DataItems::ItemDuplicate(const Ptr& Item) const {
   if (!Item) return nullptr;
-  auto first = ItemName(Item->dataname());
-  if (!first) return nullptr;
-  if (first->id() != Item->id()) return first;
-  // The first of that name shares the id: look further.
-  const std::string name = text::lower(Item->dataname());
-  for (const auto& d : *this)
-    if (d && d->id() != Item->id() && text::lower(d->dataname()) == name) return d;
+  // The items of that name in collection order: the first with another id.
+  const auto* same = nameIndex_.find(*this, text::lower(Item->dataname()));
+  if (!same) return nullptr;
+  for (size_t i = 0; i < same->size(); ++i) {
+    const Ptr& d = KeyedCollection<DataItem>::Item(static_cast<int32_t>(same->at(i)) + 1);
+    if (d->id() != Item->id()) return d;
+  }
   return nullptr;
 }
 
@@ -512,8 +505,10 @@ void DataItems::DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>& 
 
 void DataItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem>& Ptarget) {
   requireTarget(Ptarget);
-  auto rs = conn.openClient(std::string("SELECT Données.[Data Id], ") + kDataColumns + kWithFiche +
-                            targetFilter(*Ptarget) + " ORDER BY [Data Name]");
+  // The items are read once, in order: a forward result keeps one row in
+  // memory rather than the whole table.
+  auto rs = conn.execute(std::string("SELECT Données.[Data Id], ") + kDataColumns + kWithFiche +
+                         targetFilter(*Ptarget) + " ORDER BY [Data Name]");
   // Every list entry of the target in one result, filtered per listed item.
   auto lists = conn.openClient(
       "select Listes.* from Listes,données WHERE (Données.[Data Id]=Listes.[Data Id]) AND Données.[Target Id]=" +
@@ -527,6 +522,7 @@ void DataItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem
     auto entries = d->DataListes();
     if (!entries) continue;
     lists->filter("[Data Id]=" + num(d->id()));
+    entries->reserve(static_cast<size_t>(entries->Count() + lists->recordCount()));
     for (; !lists->eof(); lists->moveNext()) {
       auto e = entries->Add(lists->field("Valeur").toInt32());
       e->setParent(d);
@@ -740,6 +736,7 @@ void DataItems::createXMLnode(xml::Document& odoc, xml::Node parent) {
 void DataItems::loadXml(xml::Document& odoc, xml::Node parNode, const std::shared_ptr<TargetItem>& Ptarget) {
   std::vector<xml::Node> nodes;
   if (!trap([&] { nodes = parNode.selectNodes("Data"); })) return;
+  reserve(static_cast<size_t>(Count()) + nodes.size());
   for (const auto& node : nodes) {
     auto d = std::make_shared<DataItem>();
     d->setParent(Ptarget);

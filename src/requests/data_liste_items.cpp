@@ -1,6 +1,7 @@
 #include "kavrel/requests/data_liste_items.h"
 
 #include <string>
+#include <utility>
 
 #include "kavrel/error.h"
 #include "kavrel/platform/db.h"
@@ -82,7 +83,7 @@ void DataListeItem::loadXml(xml::Document&, xml::Node parNode) {
   auto attributeOrNull = [&](const char* name) {
     auto v = parNode.attribute(name);
     if (!v) raise(kErrInvalidUseOfNull, "", "Invalid use of Null");
-    return *v;
+    return std::move(*v);
   };
   try {
     libelle_ = attributeOrNull("Text");
@@ -184,6 +185,7 @@ void DataListeItems::createXMLnode(xml::Document& odoc, xml::Node parent) const 
 void DataListeItems::loadXml(xml::Document& odoc, xml::Node parNode, const std::shared_ptr<DataItem>& pdata) {
   std::vector<xml::Node> nodes;
   if (!trap([&] { nodes = parNode.selectNodes("Item"); })) return;
+  reserve(static_cast<size_t>(Count()) + nodes.size());
   for (const auto& node : nodes) {
     auto e = std::make_shared<DataListeItem>();
     e->setParent(pdata);

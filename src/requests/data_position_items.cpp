@@ -345,6 +345,7 @@ void loadPositions(DataPositionItems& list, xml::Document& odoc, xml::Node node,
                    const std::shared_ptr<RequestItem>& Prequest, const bool* param) {
   std::vector<xml::Node> nodes;
   if (!trap([&] { nodes = node.selectNodes("DataItem"); })) return;
+  list.reserve(static_cast<size_t>(list.Count()) + nodes.size());
   for (const auto& n : nodes) {
     auto pos = std::make_shared<DataPositionItem>();
     pos->setParent(Prequest);

@@ -133,8 +133,10 @@ RequestItem::RequestItem() : DataPositions_(std::make_shared<DataPositionItems>(
 RequestItem::~RequestItem() = default;
 
 void RequestItem::setRequestName(std::string v) {
+  if (v == requestName_) return;
   requestName_ = std::move(v);
-  detail::bumpNameVersion();
+  // The name indexes of the collections holding this request refile it.
+  detail::requestNameJournal().record(this);
 }
 
 void RequestItem::clear() {
@@ -343,14 +345,7 @@ RequestItems::Ptr RequestItems::Add(int32_t RequestId, std::string_view sKey) {
 }
 
 RequestItems::Ptr RequestItems::ItemName(std::string_view name) const {
-  if (indexedModCount_ != modificationCount() || indexedNameVersion_ != detail::nameVersion()) {
-    nameIndex_.clear();
-    for (const auto& r : *this) nameIndex_.emplace(r->requestName(), r);  // keeps the first of a name
-    indexedModCount_ = modificationCount();
-    indexedNameVersion_ = detail::nameVersion();
-  }
-  auto it = nameIndex_.find(std::string(name));
-  return it == nameIndex_.end() ? nullptr : it->second;
+  return nameIndex_.first(*this, std::string(name));
 }
 
 std::shared_ptr<DataPositionItem> RequestItems::ItemDataPositionName(std::string_view requestName,
@@ -379,6 +374,7 @@ void RequestItems::createXMLnode(xml::Document& odoc, xml::Node parent) {
 void RequestItems::loadXml(xml::Document& odoc, xml::Node node, const std::shared_ptr<TargetItem>& target) {
   std::vector<xml::Node> nodes;
   if (!trap([&] { nodes = node.selectNodes("Request"); })) return;
+  reserve(static_cast<size_t>(Count()) + nodes.size());
   for (const auto& n : nodes) {
     auto r = std::make_shared<RequestItem>();
     r->setParent(target);
@@ -458,6 +454,7 @@ void RequestItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetI
     r->setParent(target);
     auto list = freshPositions(*r);
     rs->filter("[Request Name]='" + db::sql::doubleQuotes(r->requestName()) + "'");
+    list->reserve(static_cast<size_t>(rs->recordCount()));
     for (; !rs->eof(); rs->moveNext()) {
       auto pos = list->Add();
       pos->setParent(r);

@@ -1,11 +1,7 @@
 // Device types and failure types: one design, two tables.
 #include <gtest/gtest.h>
 
-#include "kavrel/catalogues/panne_items.h"
-#include "kavrel/catalogues/type_organe_items.h"
-#include "kavrel/error.h"
-#include "kavrel/platform/db.h"
-#include "kavrel/platform/xml.h"
+#include "kavrel/kavrel.h"
 #include "support/temp_db.h"
 
 namespace kavrel {
@@ -27,6 +23,13 @@ struct Traits<PanneItems> {
 };
 
 template <class Items>
+std::string describe(const Items& items) {
+  std::string s;
+  for (const auto& i : items) s += std::to_string(i->id()) + " " + i->libelle() + ";";
+  return s;
+}
+
+template <class Items>
 class IdLabelItems : public ::testing::Test {};
 using Catalogues = ::testing::Types<TypeOrganeItems, PanneItems>;
 TYPED_TEST_SUITE(IdLabelItems, Catalogues);
@@ -43,7 +46,6 @@ TYPED_TEST(IdLabelItems, MissingTableRecordsErrorOneAndReturnsFalse) {
   EXPECT_EQ(lastError().source, "");
   EXPECT_EQ(lastError().reportedSource(), "KavrelBuilderLibrary");
   EXPECT_EQ(lastError().description, Traits<TypeParam>::missing);
-  clearLastError();
 }
 
 TYPED_TEST(IdLabelItems, DbReadSortsByLabelAfterInsertAll) {
@@ -58,10 +60,7 @@ TYPED_TEST(IdLabelItems, DbReadSortsByLabelAfterInsertAll) {
   TypeParam items;
   EXPECT_TRUE(items.DbRead(*conn));
   EXPECT_FALSE(lastError().pending());
-  ASSERT_EQ(items.Count(), 3);
-  EXPECT_EQ(items.Item(1)->libelle(), "Capteur");
-  EXPECT_EQ(items.Item(2)->libelle(), "Entrée");
-  EXPECT_EQ(items.Item(3)->id(), 4);
+  EXPECT_EQ(describe(items), "7 Capteur;1 Entrée;4 Sortie;");
   EXPECT_EQ(items.ItemId(7)->libelle(), "Capteur");
   EXPECT_EQ(items.ItemName("entrée"), nullptr);
   EXPECT_EQ(items.ItemName("Entrée")->id(), 1);
@@ -72,12 +71,7 @@ TYPED_TEST(IdLabelItems, XmlRoundTripAndMissingAttributes) {
   src.Add(0, "Aucune");
   src.Add(12, "Douze");
   xml::Document doc;
-  xml::Node root = doc.appendElement("List");
-  src.createXMLnode(doc, root);
-  auto nodes = root.selectNodes(Traits<TypeParam>::element);
-  ASSERT_EQ(nodes.size(), 2u);
-  EXPECT_EQ(nodes[1].attribute("Name"), "Douze");
-  EXPECT_EQ(nodes[1].attribute("Id"), "12");
+  src.createXMLnode(doc, doc.appendElement("List"));
 
   std::string e = Traits<TypeParam>::element;
   xml::Document in;
@@ -86,12 +80,7 @@ TYPED_TEST(IdLabelItems, XmlRoundTripAndMissingAttributes) {
   TypeParam back;
   back.loadXml(in, in.documentElement());
   EXPECT_FALSE(lastError().pending());
-  ASSERT_EQ(back.Count(), 4);
-  EXPECT_EQ(back.Item(1)->id(), 0);
-  EXPECT_EQ(back.Item(2)->libelle(), "");
-  EXPECT_EQ(back.Item(2)->id(), 3);
-  EXPECT_EQ(back.Item(4)->libelle(), "Douze");
-  EXPECT_EQ(back.Item(4)->id(), 12);
+  EXPECT_EQ(describe(back), "0 Sans id;3 ;0 Aucune;12 Douze;");
 }
 
 }  // namespace

@@ -1,10 +1,9 @@
 // Forward-only, client-side and updatable result sets.
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include <random>
 
+#include "support/checks.h"
 #include "support/temp_db.h"
 
 namespace kavrel::test {
@@ -12,13 +11,9 @@ namespace {
 
 using db::Value;
 
-int32_t errorOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const Error& e) {
-    return e.number();
-  }
-  return 0;
+template <class F>
+int32_t errorOf(F&& f) {
+  return thrownBy(f).number();
 }
 
 class RecordsetTest : public ::testing::Test {
@@ -113,34 +108,24 @@ TEST_F(RecordsetTest, ClientIndexAgreesWithAScanOnManyFilters) {
   std::mt19937 rng(42);
   {
     db::Transaction tx(*conn);
-    for (int i = 0; i < 2000; ++i) {
-      insert("R" + std::to_string(rng() % 50), std::to_string(rng() % 30));
-    }
+    for (int i = 0; i < 2000; ++i) insert("R" + std::to_string(rng() % 50), std::to_string(rng() % 30));
     tx.commit();
   }
-  auto all = conn->execute("SELECT id, [Request Name], n FROM t ORDER BY [Request Name], n DESC");
-  std::vector<std::tuple<int64_t, std::string, int64_t>> rows;
-  for (; !all->eof(); all->moveNext()) {
-    rows.emplace_back(all->field(0).toInt64(), all->field(1).toText(), all->field(2).toInt64());
-  }
-  auto rs = conn->openClient("SELECT id, [Request Name], n FROM t ORDER BY [Request Name], n DESC");
+  const std::string query = "SELECT id, [Request Name], n FROM t ORDER BY [Request Name], n DESC";
+  std::vector<std::tuple<int64_t, std::string, std::string>> rows;  // id, filter on the name, filter on n
+  for (auto all = conn->execute(query); !all->eof(); all->moveNext())
+    rows.emplace_back(all->field(0).toInt64(), "[Request Name]='" + all->field(1).toText() + "'",
+                      "[n]=" + all->field(2).toText());
+  auto rs = conn->openClient(query);
   for (int round = 0; round < 200; ++round) {
+    const std::string f = round % 2 ? "[Request Name]='R" + std::to_string(rng() % 55) + "'"
+                                    : "[n]=" + std::to_string(rng() % 32);
     std::vector<int64_t> expected, got;
-    if (round % 2) {
-      std::string name = "R" + std::to_string(rng() % 55);
-      rs->filter("[Request Name]='" + name + "'");
-      for (auto& r : rows) {
-        if (std::get<1>(r) == name) expected.push_back(std::get<0>(r));
-      }
-    } else {
-      int64_t n = rng() % 32;
-      rs->filter("[n]=" + std::to_string(n));
-      for (auto& r : rows) {
-        if (std::get<2>(r) == n) expected.push_back(std::get<0>(r));
-      }
-    }
+    for (auto& [id, byName, byN] : rows)
+      if (f == byName || f == byN) expected.push_back(id);
+    rs->filter(f);
     for (; !rs->eof(); rs->moveNext()) got.push_back(rs->field("id").toInt64());
-    ASSERT_EQ(got, expected) << "round " << round;
+    ASSERT_EQ(got, expected) << f;
   }
 }
 

@@ -3,13 +3,8 @@
 
 #include <string>
 
-#include "kavrel/error.h"
-#include "kavrel/platform/db.h"
-#include "kavrel/platform/xml.h"
-#include "kavrel/requests/data_items.h"
-#include "kavrel/requests/data_liste_items.h"
-#include "kavrel/target/target_item.h"
-#include "support/temp_db.h"
+#include "kavrel/kavrel.h"
+#include "support/request_fixture.h"
 
 namespace kavrel {
 namespace {
@@ -42,72 +37,55 @@ TEST(DataListeItems, Lookups) {
   EXPECT_TRUE(list.ValueChanged());
 }
 
+// A stored listed data item "Etat".
 class ListDb : public ::testing::Test {
  protected:
-  void SetUp() override {
-    clearLastError();
-    conn_ = db_.connection();
-    conn_->execute("INSERT INTO Cibles (Address, [Target Name]) VALUES (122, 'ABS')");
-    target = TargetItem::create();
-    target->setAddress(122);
-    target->setTargetid(1);
-    data = std::make_shared<DataItem>();
-    data->setParent(target);
-    data->setDataname("Etat");
-    data->setListe(true);
-    data->dbInsert(*conn_);
-  }
-
   std::shared_ptr<DataListeItem> entry(int32_t v, const std::string& label) {
     auto e = data->DataListes()->Add(v);
     e->setParent(data);
     e->setLibelle(label);
     return e;
   }
-  int64_t rows(const std::string& where = "") {
-    auto rs = conn_->execute("SELECT count(*) FROM Listes" + where);
-    int64_t n = rs->field(0).toInt64();
-    rs->close();
-    return n;
-  }
+  int64_t rows(const std::string& where = "") { return t.count("SELECT count(*) FROM Listes" + where); }
   std::string label(int32_t v) {
-    auto rs = conn_->execute("SELECT Libellé FROM Listes WHERE Valeur=" + std::to_string(v));
-    std::string s = rs->eof() ? "<none>" : rs->field(0).toText();
-    rs->close();
-    return s;
+    return t.value("SELECT Libellé FROM Listes WHERE Valeur=" + std::to_string(v)).toText();
   }
 
-  test::TempDb db_;
-  std::shared_ptr<db::Connection> conn_;
-  std::shared_ptr<TargetItem> target;
-  std::shared_ptr<DataItem> data;
+  test::StoredTarget t;
+  std::shared_ptr<DataItem> data = [this] {
+    auto d = t.addData("Etat", false);
+    d->setListe(true);
+    d->dbInsert(t.conn());
+    return d;
+  }();
+  db::Connection& conn = t.conn();
 };
 
 TEST_F(ListDb, RowsFollowTheirFourColumnIdentity) {
   auto one = entry(1, std::string(85, 'L'));
   auto two = entry(2, "deux");
-  data->DataListes()->DbInsertAll(*conn_);
+  data->DataListes()->DbInsertAll(conn);
   EXPECT_EQ(label(1), std::string(80, 'L'));
   EXPECT_FALSE(one->ValueChanged());
   const std::string flags = " WHERE Numérique=-1 AND Liste=-1";
   EXPECT_EQ(rows(flags), 2);
 
   // Unchanged: nothing is written, even if the row differs.
-  conn_->execute("UPDATE Listes SET Libellé='autre' WHERE Valeur=2");
-  two->dbUpdate(*conn_);
+  conn.execute("UPDATE Listes SET Libellé='autre' WHERE Valeur=2");
+  two->dbUpdate(conn);
   EXPECT_EQ(label(2), "autre");
 
   // Changed and its row gone: inserted.
-  conn_->execute("DELETE FROM Listes WHERE Valeur=2");
+  conn.execute("DELETE FROM Listes WHERE Valeur=2");
   two->setLibelle("deux bis");
-  two->dbUpdate(*conn_);
+  two->dbUpdate(conn);
   EXPECT_EQ(label(2), "deux bis");
   EXPECT_FALSE(two->ValueChanged());
 
   // Read back in value order with the item's flags.
-  entry(0, "zéro")->dbInsert(*conn_);
+  entry(0, "zéro")->dbInsert(conn);
   DataListeItems read;
-  read.DbRead(*conn_, data);
+  read.DbRead(conn, data);
   ASSERT_EQ(read.Count(), 3);
   EXPECT_EQ(read.Item(1)->Valeur(), 0);
   EXPECT_EQ(read.Item(3)->libelle(), "deux bis");
@@ -117,22 +95,22 @@ TEST_F(ListDb, RowsFollowTheirFourColumnIdentity) {
   // Other flags: the stored rows are out of reach of update and delete...
   data->setNumerique(false);
   two->setLibelle("changé");
-  two->dbUpdate(*conn_);  // inserts a second row under the new flags
+  two->dbUpdate(conn);  // inserts a second row under the new flags
   EXPECT_EQ(rows(" WHERE Valeur=2"), 2);
-  one->dbDelete(*conn_);
+  one->dbDelete(conn);
   EXPECT_EQ(rows(" WHERE Valeur=1"), 1);
   DataListeItems none;
-  none.DbRead(*conn_, data);
+  none.DbRead(conn, data);
   EXPECT_EQ(none.Count(), 1);
 
   // ... but not of dbDeleteAll.
-  data->DataListes()->dbDeleteAll(*conn_, data);
+  data->DataListes()->dbDeleteAll(conn, data);
   EXPECT_EQ(rows(), 0);
 
   data->setNumerique(true);
   auto three = entry(3, "trois");
-  three->dbInsert(*conn_);
-  three->dbDelete(*conn_);
+  three->dbInsert(conn);
+  three->dbDelete(conn);
   EXPECT_EQ(rows(), 0);
 }
 
@@ -148,7 +126,6 @@ TEST(DataListeItemsXml, WritesInfoAsCDataAndKeepsBadEntries) {
   EXPECT_EQ(doc.toString(), "<List>\n<Item Value=\"3\" Text=\"trois &amp; plus\"><![CDATA[info]]></Item>\n"
                             "<Item Value=\"4\" Text=\"\"/></List>\n");
 
-  clearLastError();
   xml::Document in;
   ASSERT_TRUE(in.loadString("<List><Item Value=\"5\">  texte  </Item><Item Text=\"x\" Value=\"abc\"/></List>"));
   auto owner = std::make_shared<DataItem>();

@@ -6,23 +6,16 @@
 #include <string>
 #include <vector>
 
-#include "kavrel/error.h"
-#include "kavrel/platform/db.h"
-#include "kavrel/platform/frame.h"
-#include "kavrel/platform/host.h"
-#include "kavrel/platform/xml.h"
-#include "kavrel/requests/data_items.h"
-#include "kavrel/requests/request_items.h"
-#include "kavrel/session/kavrel_database.h"
-#include "kavrel/target/target_item.h"
-#include "kavrel/target/target_param_item.h"
+#include "kavrel/kavrel.h"
 #include "requests/position_support.h"
+#include "support/checks.h"
 #include "support/older_layout.h"
 #include "support/request_fixture.h"
-#include "support/temp_db.h"
 
 namespace kavrel {
 namespace {
+
+using test::describe;
 
 std::shared_ptr<DataPositionItem> newPosition(const std::shared_ptr<RequestItem>& r, const std::string& data) {
   auto p = r->DataPositions()->Add();
@@ -35,26 +28,17 @@ TEST(DataPositionTest, NewPositionAndItsLinkToData) {
   test::StoredTarget t;
   auto d = t.addData("Régime moteur");
   auto r = t.addRequest("Lire");
-  DataPositionItem fresh;
-  EXPECT_EQ(fresh.StartOctet(), 1);
-  EXPECT_EQ(fresh.StartBit(), 0);
-  EXPECT_FALSE(fresh.LittleEndian() || fresh.param() || fresh.reference());
-
   auto p = newPosition(r, "RÉGIME MOTEUR");
   EXPECT_EQ(p->Data(), d);
   EXPECT_EQ(p->dataname(), "Régime moteur");  // the linked data's name
   p->setDataname("Inconnue");
   EXPECT_EQ(p->Data(), nullptr);
   EXPECT_EQ(p->dataname(), "Inconnue");  // kept, not lost
-  DataPositionItem alone;
-  alone.setDataname("Sans cible");
-  EXPECT_EQ(alone.dataname(), "Sans cible");
 }
 
 class PositionDbTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    clearLastError();
     d = t.addData("Temp d'eau");
     for (const char* name : {"Req 'A'", "Req B"}) {
       auto r = t.addRequest(name);
@@ -85,26 +69,36 @@ TEST_F(PositionDbTest, ReferenceIsOnePositionPerData) {
   EXPECT_FALSE(b->reference());
 
   b->dbInsertReference(t.conn());
-  EXPECT_EQ(lastError().number, 1);
-  EXPECT_EQ(lastError().description, "This data is already defined as reference");
+  EXPECT_TRUE(test::recorded(1, "This data is already defined as reference"));
   EXPECT_FALSE(b->reference());
 
   // The reference position cannot go while it is the reference.
   a->dbDelete(t.conn());
-  EXPECT_EQ(lastError().description, "The data is used, impossible to remove it.");
+  EXPECT_TRUE(test::recorded(1, "The data is used, impossible to remove it."));
+
+  // A request's read lists its positions under the request and their data;
+  // clearing the request takes them off the data again.
+  auto r = std::make_shared<RequestItem>();
+  r->setParent(t.target);
+  r->setRequestName("Req 'A'");
+  d->setDataPositions(nullptr);
+  r->DataPositions()->DbRead(t.conn(), r);
+  ASSERT_EQ(r->DataPositions()->Count(), 1);
+  auto p = r->DataPositions()->Item(1);
+  EXPECT_EQ(describe(*p), "Temp d'eau|4|0|001");
+  EXPECT_EQ(p->Data(), d);
+  EXPECT_EQ(d->DataPositions()->Item(1), p);
+  r->clear();
+  EXPECT_EQ(d->DataPositions()->Count(), 0);
+
   a->dbDeleteReference(t.conn());
   EXPECT_FALSE(lastError().pending());
   EXPECT_FALSE(a->reference());
   EXPECT_EQ(t.count("SELECT count(*) FROM Donnée_Ref"), 0);
 
   DataPositionItem orphan;
-  try {
-    orphan.dbIsReference(t.conn());
-    FAIL();
-  } catch (const Error& e) {
-    EXPECT_EQ(e.number(), 100);
-    EXPECT_EQ(e.description(), "DataPositionItem.dbIsReference error : parent not defined");
-  }
+  EXPECT_TRUE(test::throws([&] { orphan.dbIsReference(t.conn()); }, 100,
+                           "DataPositionItem.dbIsReference error : parent not defined"));
 }
 
 TEST_F(PositionDbTest, UpdateAndDeleteOfTheRow) {
@@ -119,9 +113,8 @@ TEST_F(PositionDbTest, UpdateAndDeleteOfTheRow) {
   EXPECT_EQ(rows("Req B"), 1);
 
   t.addDisplayOf("Req 'A'", "Temp d'eau");
-  a->dbDelete(t.conn());
+  a->dbDelete(t.conn());  // shown by a display
   EXPECT_EQ(lastError().number, 1);
-  EXPECT_EQ(lastError().description, "The data is used, impossible to remove it.");
   EXPECT_EQ(rows("Req 'A'"), 1);
 
   b->dbDelete(t.conn());
@@ -130,24 +123,6 @@ TEST_F(PositionDbTest, UpdateAndDeleteOfTheRow) {
 
   DataPositionItem orphan;
   EXPECT_THROW(orphan.dbDelete(t.conn()), Error);
-}
-
-TEST_F(PositionDbTest, DbReadListsThePositionUnderRequestAndData) {
-  a->dbInsertReference(t.conn());
-  auto r = std::make_shared<RequestItem>();
-  r->setParent(t.target);
-  r->setRequestName("Req 'A'");
-  d->setDataPositions(nullptr);
-  r->DataPositions()->DbRead(t.conn(), r);
-  ASSERT_EQ(r->DataPositions()->Count(), 1);
-  auto p = r->DataPositions()->Item(1);
-  EXPECT_EQ(p->Data(), d);
-  EXPECT_EQ(p->StartOctet(), 4);
-  EXPECT_TRUE(p->reference());
-  ASSERT_TRUE(d->DataPositions());
-  EXPECT_EQ(d->DataPositions()->Item(1), p);
-  r->clear();
-  EXPECT_EQ(d->DataPositions()->Count(), 0);
 }
 
 // ---------------------------------------------------------------- XML
@@ -165,8 +140,7 @@ TEST(DataPositionXmlTest, EndianAgainstTheTargetDefault) {
   little->setReference(true);
 
   xml::Document doc;
-  xml::Node root = doc.appendElement("Request");
-  r->DataPositions()->createXMLnode(doc, root);
+  r->DataPositions()->createXMLnode(doc, doc.appendElement("Request"));
   EXPECT_EQ(doc.toString(),
             "<Request><DataItem Name=\"Vitesse\" FirstByte=\"1\"/>\n"
             "<DataItem Name=\"Couple\" Ref=\"1\" FirstByte=\"1\" BitOffset=\"5\" Endian=\"Little\" Param=\"1\"/>\n"
@@ -180,17 +154,13 @@ TEST(DataPositionXmlTest, EndianAgainstTheTargetDefault) {
   r2->setParent(other);
   xml::Document in;
   ASSERT_TRUE(in.loadString(doc.toString()));
-  clearLastError();
   r2->DataPositions()->loadXml(in, in.documentElement(), r2);
   EXPECT_FALSE(lastError().pending());
   ASSERT_EQ(r2->DataPositions()->Count(), 2);
   auto p1 = r2->DataPositions()->Item(1);
-  auto p2 = r2->DataPositions()->Item(2);
-  EXPECT_TRUE(p1->LittleEndian());
-  EXPECT_EQ(p1->StartBit(), 0);
-  EXPECT_FALSE(p1->param());  // Param is read by the typed reader only
-  EXPECT_TRUE(p2->LittleEndian() && p2->reference());
-  EXPECT_EQ(p2->dataname(), "Couple");  // no such data there: the name is kept
+  // Param is read by the typed reader only; a name without data there is kept.
+  EXPECT_EQ(describe(*p1), "Vitesse|1|0|100");
+  EXPECT_EQ(describe(*r2->DataPositions()->Item(2)), "Couple|1|5|101");
 
   // From that target, a big-endian position says so.
   xml::Document out;
@@ -204,23 +174,17 @@ TEST(DataPositionXmlTest, EndianAgainstTheTargetDefault) {
 TEST(DataPositionXmlTest, LongAndMissingNames) {
   const std::string longName = "Température " + std::string(70, 'x');
   xml::Document in;
-  ASSERT_TRUE(in.loadString("<Sent><DataItem Name=\"" + longName + "\" FirstByte=\"2\"/><DataItem FirstByte=\"3\"/></Sent>"));
+  ASSERT_TRUE(in.loadString("<Sent><DataItem Name=\"" + longName +
+                            "\" FirstByte=\"2\"/><DataItem FirstByte=\"3\"/></Sent>"));
   auto r = std::make_shared<RequestItem>();
-  defaultHost()->clear();
-  clearLastError();
   r->DataPositions()->loadXmlType(in, in.documentElement(), r, true);
   EXPECT_EQ(lastError().description, "DataPositionItem.loadXml error : Dataname missing");
   ASSERT_EQ(r->DataPositions()->Count(), 2);
   auto p = r->DataPositions()->Item(1);
   EXPECT_EQ(p->dataname(), longName.substr(0, 71));  // 70 characters, "é" is two bytes
   EXPECT_TRUE(p->param());
-  auto boxes = defaultHost()->messageBoxes();
-  ASSERT_EQ(boxes.size(), 1u);
-  EXPECT_EQ(boxes[0].title, "Builder importation");
-  EXPECT_EQ(boxes[0].text, "Data name '" + longName +
-                               "' too long , MDB database max length = 70 characters\r\nname is truncated to 70 car");
+  EXPECT_TRUE(test::longNameBoxShown(longName));
   EXPECT_EQ(r->DataPositions()->Item(2)->StartOctet(), 3);
-  clearLastError();
 }
 
 // ---------------------------------------------------------------- older layout
@@ -255,8 +219,6 @@ TEST(OlderLayoutPlacementTest, WorkedExamples) {
 class OlderLayoutTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    test::createOlderLayoutDb(path);
-    conn = db::openConnection(path);
     conn->execute("INSERT INTO Cibles (Address, [Target Name]) VALUES (122, 'ABS')");
     conn->execute("INSERT INTO Requêtes ([Request Id], Address, [Target Id], [Request Name], [Request Bytes], "
                   "[Length Datas], [Manual Send]) VALUES (1, 122, 1, 'Lire ''A''', '21 01', 6, -1)");
@@ -272,10 +234,7 @@ class OlderLayoutTest : public ::testing::Test {
     row(2, "Etat", -1, -1, "2", "1", "NULL", "5", "3", 0);
     defaultHost()->clear();
   }
-  void TearDown() override {
-    target->clear();
-    conn->close();
-  }
+  void TearDown() override { target->clear(); }
   void row(int req, const std::string& name, int numeric, int param, const std::string& start,
            const std::string& length, const std::string& mask, const std::string& fort, const std::string& faible,
            int little) {
@@ -300,9 +259,8 @@ class OlderLayoutTest : public ::testing::Test {
     return target->Requests()->Item(req)->DataPositions()->Item(i);
   }
 
-  test::TempDir dir;
-  std::string path = dir.file("old.sqlite");
-  std::shared_ptr<db::Connection> conn;
+  test::OlderLayoutDb old;
+  std::shared_ptr<db::Connection> conn = old.conn;
   std::shared_ptr<TargetItem> target = TargetItem::create();
 };
 
@@ -311,33 +269,16 @@ TEST_F(OlderLayoutTest, RequestsAndPositionsOfTheOlderLayout) {
   auto& reqs = *target->Requests();
   ASSERT_EQ(reqs.Count(), 2);
   auto lire = reqs.Item(2);
-  EXPECT_EQ(lire->requestName(), "Lire 'A'");
-  EXPECT_EQ(lire->RequestBytes()->text(), "21 01");
-  EXPECT_EQ(lire->LengthDatas(), 6);
-  EXPECT_TRUE(lire->ManuelSend());
-  EXPECT_TRUE(lire->AccesTous() && lire->AccesUsine() && lire->AccesApresVente() && lire->AccesEtudes() &&
-              lire->AccesConstructeur());
-  EXPECT_EQ(lire->ShiftBytesCount(), 0);
-  EXPECT_EQ(lire->ReplyBytes(), nullptr);
+  EXPECT_EQ(describe(*lire), "Lire 'A'|'21 01'|-|6|0|10111110|");
 
   // Ordered by name; the row of length 0 gives nothing.
   ASSERT_EQ(lire->DataPositions()->Count(), 5);
-  struct Expect {
-    const char* name;
-    int32_t octet, bit;
-    bool little;
-  } expected[] = {{"Etat", 5, 3, false}, {"Masqué", 6, 3, false}, {"Perdue", 8, 0, false},
-                  {"Régime", 3, 0, true}, {"VIN", 7, 0, false}};
+  const char* expected[] = {"Etat|5|3|000", "Masqué|6|3|000", "Perdue|8|0|000", "Régime|3|0|100", "VIN|7|0|000"};
   for (int32_t i = 1; i <= 5; ++i) {
     auto p = at(2, i);
-    const auto& e = expected[i - 1];
-    EXPECT_EQ(p->dataname(), e.name);
-    EXPECT_EQ(p->StartOctet(), e.octet) << e.name;
-    EXPECT_EQ(p->StartBit(), e.bit) << e.name;
-    EXPECT_EQ(p->LittleEndian(), e.little) << e.name;
-    EXPECT_FALSE(p->param());
-    if (std::string(e.name) != "Perdue") {
-      ASSERT_TRUE(p->Data()) << e.name;
+    EXPECT_EQ(describe(*p), expected[i - 1]);
+    if (p->dataname() != "Perdue") {
+      ASSERT_TRUE(p->Data()) << expected[i - 1];
       EXPECT_EQ(p->Data()->DataPositions()->Item(1), p);
     }
   }

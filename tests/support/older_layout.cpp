@@ -39,26 +39,6 @@ const std::vector<std::string_view>& olderLayoutStatements() {
       "CREATE TABLE [Fiches Diag] ([Data Id] INTEGER PRIMARY KEY, Fiche TEXT)",
       "CREATE TABLE Listes ([Data Id] INTEGER, Valeur INTEGER, Numérique INTEGER, Liste INTEGER, "
       "Libellé TEXT, Info TEXT)",
-
-      "CREATE TABLE Catégories ([Category Id] INTEGER PRIMARY KEY AUTOINCREMENT, [Target Id] INTEGER, "
-      "[Category Name] TEXT)",
-      "CREATE TABLE Ecrans ([Screen Id] INTEGER PRIMARY KEY AUTOINCREMENT, [Target Id] INTEGER, "
-      "[Category Id] INTEGER, [Screen Name] TEXT, [Init Id] INTEGER, WindowState INTEGER, Height INTEGER, "
-      "Width INTEGER, ScreenColor INTEGER)",
-      "CREATE TABLE Titres ([Label Id] INTEGER PRIMARY KEY AUTOINCREMENT, [Target Id] INTEGER, "
-      "[Screen Id] INTEGER, [Text] TEXT, [Left] INTEGER, [Top] INTEGER, Height INTEGER, Width INTEGER, "
-      "FontName TEXT, FontSize REAL, FontBold INTEGER, FontItalic INTEGER, FontColor INTEGER, Color INTEGER, "
-      "Alignment INTEGER)",
-      "CREATE TABLE Boutons ([Button Id] INTEGER PRIMARY KEY AUTOINCREMENT, [Target Id] INTEGER, "
-      "[Screen Id] INTEGER, Caption TEXT, [Left] INTEGER, [Top] INTEGER, Height INTEGER, Width INTEGER, "
-      "FontName TEXT, FontSize REAL, FontBold INTEGER, FontItalic INTEGER, Message TEXT)",
-      "CREATE TABLE Scenarios ([Target Id] INTEGER, [Button Id] INTEGER, [Index] INTEGER, Address INTEGER, "
-      "[Ecu Id] INTEGER, [Request Name] TEXT, LgVariable INTEGER, Delay INTEGER)",
-      "CREATE TABLE Affichages ([Display Id] INTEGER PRIMARY KEY AUTOINCREMENT, [Target Id] INTEGER, "
-      "[Screen Id] INTEGER, [Left] INTEGER, [Top] INTEGER, Height INTEGER, Width INTEGER, "
-      "CaptionWidth INTEGER, FontName TEXT, FontSize INTEGER, FontBold INTEGER, FontItalic INTEGER, "
-      "FontColor INTEGER, Color INTEGER, [Data Name] TEXT, Param INTEGER, Address INTEGER, [Ecu Id] INTEGER)",
-      "CREATE TABLE Seuils ([Display Id] INTEGER, Seuil REAL, Couleur INTEGER, SonFlag INTEGER, Son INTEGER)",
   };
   return statements;
 }

@@ -2,8 +2,8 @@
 // SQL) with empty data and request collections, and small SQL shortcuts.
 //
 //   kavrel::test::StoredTarget t;             // address 122, "ABS"
-//   auto d = t.addData("Vitesse");            // inserted DataItem
-//   t.count("SELECT count(*) FROM Requêtes"); // one number
+//   auto d = t.addData("Vitesse");            // inserted DataItem (false: in memory only)
+//   t.count("SELECT count(*) FROM Requêtes"); // one number (t.value: the field itself)
 //   t.addDisplayOf("Req", "Vitesse");         // a display showing a position
 #pragma once
 
@@ -11,8 +11,13 @@
 #include <memory>
 #include <string>
 
+#include <gtest/gtest.h>
+
 #include "kavrel/platform/db.h"
+#include "kavrel/platform/frame.h"
+#include "kavrel/platform/host.h"
 #include "kavrel/requests/data_items.h"
+#include "kavrel/requests/data_position_items.h"
 #include "kavrel/requests/request_items.h"
 #include "kavrel/target/target_item.h"
 #include "kavrel/target/target_param_item.h"
@@ -47,12 +52,12 @@ class StoredTarget {
   const std::string& path() const { return db_.path(); }
   std::string tid() const { return std::to_string(target->targetid()); }
 
-  // A data item of the target, stored in Données.
-  std::shared_ptr<DataItem> addData(const std::string& name) {
+  // A data item of the target, stored in Données unless told otherwise.
+  std::shared_ptr<DataItem> addData(const std::string& name, bool store = true) {
     auto d = target->datas()->Add(0);
     d->setParent(target);
     d->setDataname(name);
-    d->dbInsert(*conn_);
+    if (store) d->dbInsert(*conn_);
     return d;
   }
 
@@ -64,11 +69,16 @@ class StoredTarget {
     return r;
   }
 
-  int64_t count(const std::string& sql) {
+  // The first field of the first row (Null when there is none).
+  db::Value value(const std::string& sql) {
     auto rs = conn_->execute(sql);
-    int64_t n = rs->eof() || rs->field(0).isNull() ? 0 : rs->field(0).toInt64();
+    db::Value v = rs->eof() ? db::Value() : rs->field(0);
     rs->close();
-    return n;
+    return v;
+  }
+  int64_t count(const std::string& sql) {
+    auto v = value(sql);
+    return v.isNull() ? 0 : v.toInt64();
   }
 
   // A category, a screen and a display of the target; returns the display id.
@@ -100,5 +110,36 @@ class StoredTarget {
   std::shared_ptr<db::Connection> conn_;
   int64_t screenId_ = 0;
 };
+
+// The stored properties of a request, and of a data position, on one line.
+inline std::string describe(const RequestItem& r) {
+  auto frame = [](const std::shared_ptr<ByteFrame>& f) {
+    return !f ? std::string("-") : f->storedValue().isNull() ? std::string("null") : "'" + f->text() + "'";
+  };
+  std::string flags;
+  for (bool b : {r.ManuelSend(), r.LgVariable(), r.AccesTous(), r.AccesUsine(), r.AccesApresVente(), r.AccesEtudes(),
+                 r.AccesConstructeur(), r.DossierMaintenabilite()})
+    flags += b ? '1' : '0';
+  return r.requestName() + "|" + frame(r.RequestBytes()) + "|" + frame(r.ReplyBytes()) + "|" +
+         std::to_string(r.LengthDatas()) + "|" + std::to_string(r.ShiftBytesCount()) + "|" + flags + "|" +
+         r.Commentaire();
+}
+inline std::string describe(const DataPositionItem& p) {
+  return p.dataname() + "|" + std::to_string(p.StartOctet()) + "|" + std::to_string(p.StartBit()) + "|" +
+         std::to_string(p.LittleEndian()) + std::to_string(p.param()) + std::to_string(p.reference());
+}
+
+// The one message box an import shows for a data name over 70 characters.
+inline ::testing::AssertionResult longNameBoxShown(const std::string& name) {
+  auto boxes = defaultHost()->messageBoxes();
+  const std::string text =
+      "Data name '" + name + "' too long , MDB database max length = 70 characters\r\nname is truncated to 70 car";
+  if (boxes.size() == 1 && boxes[0].title == "Builder importation" && boxes[0].icon == MessageIcon::Exclamation &&
+      boxes[0].text == text)
+    return ::testing::AssertionSuccess();
+  auto failure = ::testing::AssertionFailure() << boxes.size() << " boxes";
+  for (const auto& b : boxes) failure << "\n" << b.title << ": " << b.text;
+  return failure;
+}
 
 }  // namespace kavrel::test

@@ -37,9 +37,7 @@ std::string TempDir::file(std::string_view name) const {
   return (path_ / std::string(name)).string();
 }
 
-TempDb::TempDb(bool withSchema) : path_(dir_.file("kavrel.sqlite")) {
-  if (withSchema) db::createDatabase(path_);
-}
+TempDb::TempDb() : path_(dir_.file("kavrel.sqlite")) { db::createDatabase(path_); }
 
 TempDb::~TempDb() {
   if (conn_) {

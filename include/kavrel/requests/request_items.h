@@ -11,6 +11,7 @@
 #include <unordered_map>
 
 #include "kavrel/collections/keyed_collection.h"
+#include "kavrel/collections/name_index.h"
 #include "kavrel/fwd.h"
 #include "kavrel/platform/xml.h"
 
@@ -109,10 +110,9 @@ class RequestItems : public KeyedCollection<RequestItem> {
   void dbDeleteItem(db::Connection& conn, const Ptr& Item);
 
  private:
-  // First-match name index, rebuilt when the collection or a name changes.
-  mutable std::unordered_map<std::string, Ptr> nameIndex_;
-  mutable uint64_t indexedModCount_ = ~uint64_t{0};
-  mutable uint64_t indexedNameVersion_ = ~uint64_t{0};
+  static std::string nameKey(const RequestItem& r) { return r.requestName(); }
+  // First-match index by exact name (organs find their freeze-frame request).
+  mutable detail::NameIndex<RequestItem> nameIndex_{detail::requestNameJournal(), &RequestItems::nameKey};
 };
 
 }  // namespace kavrel

@@ -2,6 +2,9 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
+#include <type_traits>
+#include <utility>
 
 #include "kavrel/error.h"
 
@@ -285,27 +288,56 @@ std::string declaredEncoding(std::string_view data) {
   return {};
 }
 
-Decoded decodeUtf8(std::string_view bytes) {
-  if (bytes.substr(0, 3) == "\xEF\xBB\xBF") bytes.remove_prefix(3);
-  Decoded d;
-  for (size_t i = 0; i < bytes.size();) {
+namespace {
+
+// Length of the longest valid UTF-8 prefix of `bytes`.
+size_t validUtf8Prefix(std::string_view bytes) {
+  size_t i = 0;
+  while (i < bytes.size()) {
+    // Documents are mostly ASCII: skip it eight bytes at a time.
+    while (i + 8 <= bytes.size()) {
+      uint64_t chunk;
+      std::memcpy(&chunk, bytes.data() + i, sizeof chunk);
+      if (chunk & 0x8080808080808080ull) break;
+      i += 8;
+    }
+    if (i >= bytes.size()) break;
     char32_t cp;
     const size_t n = decodeUtf8At(bytes, i, cp);
-    if (n == 0) {
-      d.utf8.assign(bytes.substr(0, i));
-      d.code = kCodeInvalidCharacter;
-      d.reason = "Invalid UTF-8 byte sequence; the text is not in the encoding it declares";
-      return d;
-    }
+    if (n == 0) return i;
     i += n;
   }
-  d.utf8.assign(bytes);
+  return bytes.size();
+}
+
+template <class Text>
+Decoded validatedUtf8(Text&& bytes) {
+  std::string_view view(bytes);
+  const size_t bom = view.substr(0, 3) == "\xEF\xBB\xBF" ? 3 : 0;
+  view.remove_prefix(bom);
+  Decoded d;
+  const size_t valid = validUtf8Prefix(view);
+  if (valid != view.size()) {
+    d.utf8.assign(view.substr(0, valid));
+    d.code = kCodeInvalidCharacter;
+    d.reason = "Invalid UTF-8 byte sequence; the text is not in the encoding it declares";
+    return d;
+  }
+  if constexpr (std::is_same_v<std::decay_t<Text>, std::string>) {
+    // The file's own buffer becomes the text: no copy of a large document.
+    d.utf8 = std::move(bytes);
+    if (bom) d.utf8.erase(0, bom);
+  } else {
+    d.utf8.assign(view);
+  }
   return d;
 }
 
-Decoded decodeDocument(std::string_view bytes) {
+template <class Text>
+Decoded decodeAny(Text&& text) {
+  const std::string_view bytes(text);
   auto starts = [&](std::string_view p) { return bytes.substr(0, p.size()) == p; };
-  if (starts("\xEF\xBB\xBF")) return decodeUtf8(bytes);
+  if (starts("\xEF\xBB\xBF")) return validatedUtf8(std::forward<Text>(text));
   if (starts("\xFF\xFE")) return decodeUtf16(bytes.substr(2), false);
   if (starts("\xFE\xFF")) return decodeUtf16(bytes.substr(2), true);
   if (starts(std::string_view("<\0?\0", 4))) return decodeUtf16(bytes, false);
@@ -316,7 +348,7 @@ Decoded decodeDocument(std::string_view bytes) {
     const size_t end = bytes.substr(0, 4096).find("?>");
     if (end != std::string_view::npos) name = declaredEncoding(bytes.substr(5, end - 5));
   }
-  if (name.empty()) return decodeUtf8(bytes);
+  if (name.empty()) return validatedUtf8(std::forward<Text>(text));
   const auto encoding = encodingFromName(name);
   if (!encoding) {
     Decoded d;
@@ -330,9 +362,17 @@ Decoded decodeDocument(std::string_view bytes) {
       return decodeSingleByte(bytes, *encoding);
     default:
       // A UTF-16 declaration over single-byte text: the bytes tell the truth.
-      return decodeUtf8(bytes);
+      return validatedUtf8(std::forward<Text>(text));
   }
 }
+
+}  // namespace
+
+Decoded decodeUtf8(std::string_view bytes) { return validatedUtf8(bytes); }
+
+Decoded decodeDocument(std::string_view bytes) { return decodeAny(bytes); }
+
+Decoded decodeDocument(std::string&& bytes) { return decodeAny(std::move(bytes)); }
 
 std::string encodeDocument(std::string_view utf8, Encoding encoding) {
   switch (encoding) {

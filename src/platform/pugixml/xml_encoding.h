@@ -34,6 +34,8 @@ struct Decoded {
 // layout of "<?" (UTF-16 without mark), then the declaration's encoding;
 // UTF-8 when nothing says otherwise. UTF-8 input is validated.
 Decoded decodeDocument(std::string_view bytes);
+// The same, taking over the buffer when the bytes are already UTF-8.
+Decoded decodeDocument(std::string&& bytes);
 // Validates UTF-8 text, dropping a leading byte-order mark.
 Decoded decodeUtf8(std::string_view bytes);
 

@@ -8,11 +8,14 @@
 // and loading then saving it again gives the same bytes.
 #include <pugixml.hpp>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <unordered_map>
+#include <utility>
 
 #include "kavrel/error.h"
 #include "kavrel/platform/xml.h"
@@ -35,14 +38,22 @@ bool allBlank(std::string_view s) {
 
 // Names are checked loosely (ASCII rules; any non-ASCII byte allowed) so
 // that a misspelt call fails here rather than as an unreadable file.
-bool validName(std::string_view name) {
-  if (name.empty()) return false;
-  for (size_t i = 0; i < name.size(); ++i) {
-    const auto c = static_cast<unsigned char>(name[i]);
+// By byte: 1 = may start a name, 2 = may follow in one (a table: every
+// element and attribute written is checked).
+constexpr std::array<unsigned char, 256> kNameChars = [] {
+  std::array<unsigned char, 256> t{};
+  for (int c = 0; c < 256; ++c) {
     const bool letter = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' || c == ':' || c >= 0x80;
     const bool other = (c >= '0' && c <= '9') || c == '-' || c == '.';
-    if (!letter && !(i > 0 && other)) return false;
+    t[static_cast<size_t>(c)] = static_cast<unsigned char>((letter ? 3 : 0) | (other ? 2 : 0));
   }
+  return t;
+}();
+
+bool validName(std::string_view name) {
+  if (name.empty() || !(kNameChars[static_cast<unsigned char>(name[0])] & 1)) return false;
+  for (size_t i = 1; i < name.size(); ++i)
+    if (!(kNameChars[static_cast<unsigned char>(name[i])] & 2)) return false;
   return true;
 }
 
@@ -75,6 +86,30 @@ void checkTopLevelElement(const pugi::xml_node& parent) {
     if (n.type() == pugi::node_element) invalid("Only one top level element is allowed in an XML document");
 }
 
+// Sets a node's or attribute's value straight from the view (no temporary
+// copy: documents get hundreds of thousands of values). Like any value of
+// the document, it ends at a first NUL.
+template <class Target>
+void setValue(Target t, std::string_view value) {
+  t.set_value(value.data(), value.size());
+}
+
+// Whether a terminated name equals `name` (taken up to a first NUL, as a
+// terminated copy of it would be).
+bool sameName(const char* terminated, std::string_view name) {
+  size_t i = 0;
+  while (i < name.size() && name[i] != '\0' && terminated[i] == name[i]) ++i;
+  return terminated[i] == '\0' && (i == name.size() || name[i] == '\0');
+}
+
+// An element's attribute by name, without building a terminated copy of
+// the name.
+pugi::xml_attribute findAttribute(pugi::xml_node n, std::string_view name) {
+  for (pugi::xml_attribute a = n.first_attribute(); a; a = a.next_attribute())
+    if (sameName(a.name(), name)) return a;
+  return {};
+}
+
 pugi::xml_node checkedAppend(pugi::xml_node parent, pugi::xml_node_type type, const char* operation) {
   if (parent.type() == pugi::node_document && (type == pugi::node_pcdata || type == pugi::node_cdata))
     invalid(std::string(operation) + ": text is not allowed at the top level of a document");
@@ -97,6 +132,34 @@ const pugi::xpath_query& compiled(std::string_view xpath) {
   } catch (const pugi::xpath_exception& e) {
     invalid("Invalid XPath expression \"" + key + "\": " + e.result().description());
   }
+}
+
+// A path that is a single child element name ("Data", "kvr:Target"): the
+// readers' usual question, answered by walking the children instead of
+// running the XPath engine over every element of a large document. Names
+// that the XPath grammar could read otherwise are left to the engine.
+bool isPlainChildName(std::string_view xpath) {
+  if (xpath.empty() || xpath == "and" || xpath == "or" || xpath == "div" || xpath == "mod") return false;
+  const auto letter = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_'; };
+  size_t colons = 0;
+  for (size_t i = 0; i < xpath.size(); ++i) {
+    const char c = xpath[i];
+    if (letter(c)) continue;
+    if (i > 0 && c >= '0' && c <= '9') continue;
+    if (c == ':' && i > 0 && i + 1 < xpath.size() && ++colons == 1 && letter(xpath[i + 1])) continue;
+    return false;
+  }
+  return true;
+}
+
+// Children elements named `name` of a node handle, in document order
+// (none for an attribute: the child axis of an attribute is empty).
+template <class F>
+void forEachChildNamed(pugi::xml_node_struct* n, pugi::xml_attribute_struct* a, std::string_view name, F&& f) {
+  if (a != nullptr || n == nullptr) return;
+  for (pugi::xml_node c = pnode(n).first_child(); c; c = c.next_sibling())
+    if (c.type() == pugi::node_element && name == c.name())
+      if (!f(c)) return;
 }
 
 pugi::xpath_node contextOf(pugi::xml_node_struct* n, pugi::xml_attribute_struct* a) {
@@ -203,45 +266,46 @@ std::string Node::text() const {
 
 std::optional<std::string> Node::attribute(std::string_view name) const {
   if (attr_ != nullptr || node_ == nullptr) return std::nullopt;
-  const pugi::xml_attribute a = pnode(node_).attribute(std::string(name).c_str());
+  const pugi::xml_attribute a = findAttribute(pnode(node_), name);
   if (!a) return std::nullopt;
   return std::string(a.value());
 }
 
 bool Node::hasAttribute(std::string_view name) const {
   if (attr_ != nullptr || node_ == nullptr) return false;
-  return static_cast<bool>(pnode(node_).attribute(std::string(name).c_str()));
+  return static_cast<bool>(findAttribute(pnode(node_), name));
 }
 
 void Node::setAttribute(std::string_view name, std::string_view value) {
-  if (type() != NodeType::Element) invalid("setAttribute: not an element");
+  if (attr_ != nullptr || node_ == nullptr || pnode(node_).type() != pugi::node_element)
+    invalid("setAttribute: not an element");
   checkName(name, "attribute");
   pugi::xml_node n = pnode(node_);
-  const std::string key(name);
-  pugi::xml_attribute a = n.attribute(key.c_str());
-  if (!a) a = n.append_attribute(key.c_str());
-  a.set_value(std::string(value).c_str());
+  pugi::xml_attribute a = n.first_attribute() ? findAttribute(n, name) : pugi::xml_attribute();
+  if (!a) a = n.append_attribute(std::string(name).c_str());
+  setValue(a, value);
 }
 
 Node Node::appendElement(std::string_view name) {
   pugi::xml_node parent = requireNode(node_, attr_, "appendElement");
   checkName(name, "element");
-  checkTopLevelElement(parent);
-  pugi::xml_node made = checkedAppend(parent, pugi::node_element, "appendElement");
+  if (parent.type() == pugi::node_document) checkTopLevelElement(parent);
+  pugi::xml_node made = parent.append_child(pugi::node_element);
+  if (!made) invalid("appendElement: this node cannot have children");
   made.set_name(std::string(name).c_str());
   return Node(made.internal_object(), nullptr);
 }
 
 Node Node::appendText(std::string_view text) {
   pugi::xml_node made = checkedAppend(requireNode(node_, attr_, "appendText"), pugi::node_pcdata, "appendText");
-  made.set_value(std::string(text).c_str());
+  setValue(made, text);
   return Node(made.internal_object(), nullptr);
 }
 
 Node Node::appendCData(std::string_view text) {
   // A "]]>" inside is split over two sections when written.
   pugi::xml_node made = checkedAppend(requireNode(node_, attr_, "appendCData"), pugi::node_cdata, "appendCData");
-  made.set_value(std::string(text).c_str());
+  setValue(made, text);
   return Node(made.internal_object(), nullptr);
 }
 
@@ -297,6 +361,14 @@ Node Node::child(std::string_view name) const {
 
 Node Node::selectSingleNode(std::string_view xpath) const {
   if (isNull()) return {};
+  if (isPlainChildName(xpath)) {
+    Node found;
+    forEachChildNamed(node_, attr_, xpath, [&](pugi::xml_node c) {
+      found = Node(c.internal_object(), nullptr);
+      return false;
+    });
+    return found;
+  }
   const auto& query = compiled(xpath);
   pugi::xpath_node first;
   try {
@@ -312,6 +384,13 @@ Node Node::selectSingleNode(std::string_view xpath) const {
 std::vector<Node> Node::selectNodes(std::string_view xpath) const {
   std::vector<Node> out;
   if (isNull()) return out;
+  if (isPlainChildName(xpath)) {
+    forEachChildNamed(node_, attr_, xpath, [&](pugi::xml_node c) {
+      out.push_back(Node(c.internal_object(), nullptr));
+      return true;
+    });
+    return out;
+  }
   const pugi::xpath_node_set set = evaluate(node_, attr_, xpath);
   out.reserve(set.size());
   for (const auto& x : set) {
@@ -333,11 +412,15 @@ std::optional<std::string> Node::selectString(std::string_view xpath) const {
 
 struct Document::Impl {
   pugi::xml_document doc;
+  // The text a loaded document was parsed in: its names and values point
+  // into it (a large file is then held once, not copied again).
+  std::string storage;
   ParseError error;
   bool preserveWhiteSpace = false;
 
   bool fail(int code, std::string reason, std::string_view text = {}, size_t offset = 0, bool located = false) {
     doc.reset();
+    storage = std::string();
     error.code = code;
     error.reason = std::move(reason);
     error.line = error.column = 0;
@@ -345,12 +428,71 @@ struct Document::Impl {
     return false;
   }
 
+  unsigned parseFlags() const {
+    unsigned flags = pugi::parse_default | pugi::parse_comments | pugi::parse_pi | pugi::parse_declaration;
+    return flags | (preserveWhiteSpace ? pugi::parse_ws_pcdata : pugi::parse_ws_pcdata_single);
+  }
+
+  // The data of the declaration as written at the start of the text.
+  static std::optional<std::string> writtenDeclaration(std::string_view text) {
+    const size_t end = text.find("?>");
+    if (text.compare(0, 5, "<?xml") != 0 || end == std::string_view::npos) return std::nullopt;
+    size_t begin = 5;
+    while (begin < end && isXmlBlank(text[begin])) ++begin;
+    size_t stop = end;
+    while (stop > begin && isXmlBlank(text[stop - 1])) --stop;
+    return std::string(text.substr(begin, stop - begin));
+  }
+
+  // Parses the text in place (the document keeps it). The parser writes
+  // into the text, so a document it refuses is parsed again from `again`
+  // (a fresh copy of the same text) to report the fault where it lies.
+  template <class Again>
+  bool parseInPlace(detail::Decoded&& decoded, Again&& again) {
+    if (decoded.code != 0) return fail(decoded.code, decoded.reason, decoded.utf8, decoded.utf8.size(), true);
+    const std::optional<std::string> declared = writtenDeclaration(decoded.utf8);
+    doc.reset();
+    storage = std::move(decoded.utf8);
+    const pugi::xml_parse_result result =
+        doc.load_buffer_inplace(storage.data(), storage.size(), parseFlags(), pugi::encoding_utf8);
+    if (!result || !strictlyValid()) {
+      doc.reset();
+      storage = std::string();
+      return parse(again());
+    }
+    keepDeclaration(declared);
+    error = ParseError{};
+    return true;
+  }
+
+  // What the parser accepts but a document must not have.
+  bool strictlyValid() const {
+    int elements = 0;
+    for (auto n : doc.children()) {
+      if (n.type() == pugi::node_element && ++elements > 1) return false;
+      if (n.type() == pugi::node_declaration && n != doc.first_child()) return false;
+    }
+    return true;
+  }
+
+  // Keep the declaration as written: an "xml" instruction with its data.
+  void keepDeclaration(const std::optional<std::string>& written) {
+    pugi::xml_node declaration = doc.first_child();
+    if (declaration.type() != pugi::node_declaration) return;
+    const std::string data = written ? *written : Node(declaration.internal_object(), nullptr).value();
+    pugi::xml_node pi = doc.insert_child_before(pugi::node_pi, declaration);
+    pi.set_name("xml");
+    pi.set_value(data.c_str());
+    doc.remove_child(declaration);
+  }
+
+  // Parses a copy of the text (the text stays as it is, for the report of
+  // a fault).
   bool parse(const detail::Decoded& decoded) {
     if (decoded.code != 0) return fail(decoded.code, decoded.reason, decoded.utf8, decoded.utf8.size(), true);
     const std::string& text = decoded.utf8;
-    unsigned flags = pugi::parse_default | pugi::parse_comments | pugi::parse_pi | pugi::parse_declaration;
-    flags |= preserveWhiteSpace ? pugi::parse_ws_pcdata : pugi::parse_ws_pcdata_single;
-    const pugi::xml_parse_result result = doc.load_buffer(text.data(), text.size(), flags, pugi::encoding_utf8);
+    storage = std::string();
+    const pugi::xml_parse_result result = doc.load_buffer(text.data(), text.size(), parseFlags(), pugi::encoding_utf8);
     if (!result) return fail(result.status, result.description(), text, static_cast<size_t>(result.offset), true);
 
     // The parser is lenient where a document must not be.
@@ -369,25 +511,7 @@ struct Document::Impl {
       }
     }
 
-    // Keep the declaration as written: an "xml" instruction with its data.
-    pugi::xml_node declaration = doc.first_child();
-    if (declaration.type() == pugi::node_declaration) {
-      std::string data;
-      const size_t end = text.find("?>");
-      if (text.compare(0, 5, "<?xml") == 0 && end != std::string::npos) {
-        size_t begin = 5;
-        while (begin < end && isXmlBlank(text[begin])) ++begin;
-        size_t stop = end;
-        while (stop > begin && isXmlBlank(text[stop - 1])) --stop;
-        data = text.substr(begin, stop - begin);
-      } else {
-        data = Node(declaration.internal_object(), nullptr).value();
-      }
-      pugi::xml_node pi = doc.insert_child_before(pugi::node_pi, declaration);
-      pi.set_name("xml");
-      pi.set_value(data.c_str());
-      doc.remove_child(declaration);
-    }
+    keepDeclaration(writtenDeclaration(text));
     error = ParseError{};
     return true;
   }
@@ -440,17 +564,35 @@ bool Document::load(const std::string& path) {
                        "Cannot open \"" + path + "\": " + std::strerror(err));
   }
   std::string bytes;
+  // One read of the whole file when its size is known (the usual case).
+  const auto size = std::filesystem::file_size(path, ec);
+  if (!ec) bytes.reserve(static_cast<size_t>(size) + 1);
   char buffer[65536];
   size_t got;
+  if (!ec && size > 0) {
+    bytes.resize(static_cast<size_t>(size));
+    got = std::fread(bytes.data(), 1, bytes.size(), f);
+    bytes.resize(got);
+  }
   while ((got = std::fread(buffer, 1, sizeof buffer, f)) > 0) bytes.append(buffer, got);
   const bool failed = std::ferror(f) != 0;
   const int err = errno;
   std::fclose(f);
   if (failed) return impl_->fail(pugi::status_io_error, "Cannot read \"" + path + "\": " + std::strerror(err));
-  return impl_->parse(detail::decodeDocument(bytes));
+  // A refused document is read again to report where it fails (rare path).
+  return impl_->parseInPlace(detail::decodeDocument(std::move(bytes)), [&] {
+    std::string again;
+    if (std::FILE* g = std::fopen(path.c_str(), "rb")) {
+      while ((got = std::fread(buffer, 1, sizeof buffer, g)) > 0) again.append(buffer, got);
+      std::fclose(g);
+    }
+    return detail::decodeDocument(std::move(again));
+  });
 }
 
-bool Document::loadString(std::string_view text) { return impl_->parse(detail::decodeUtf8(text)); }
+bool Document::loadString(std::string_view text) {
+  return impl_->parseInPlace(detail::decodeUtf8(text), [&] { return detail::decodeUtf8(text); });
+}
 
 const ParseError& Document::parseError() const { return impl_->error; }
 
@@ -458,14 +600,32 @@ bool Document::preserveWhiteSpace() const { return impl_->preserveWhiteSpace; }
 
 void Document::setPreserveWhiteSpace(bool keep) { impl_->preserveWhiteSpace = keep; }
 
+namespace {
+
+// Writes the saved layout (each top-level node followed by a line feed).
+void printDocument(const pugi::xml_document& doc, pugi::xml_writer& writer) {
+  for (auto n : doc.children()) {
+    if (n.type() == pugi::node_pcdata && allBlank(n.value())) continue;
+    n.print(writer, "", pugi::format_raw, pugi::encoding_utf8);
+    writer.write("\n", 1);
+  }
+}
+
+struct FileWriter : pugi::xml_writer {
+  std::FILE* file;
+  int error = 0;  // the first failure's errno
+  explicit FileWriter(std::FILE* f) : file(f) {}
+  void write(const void* data, size_t size) override {
+    if (error == 0 && std::fwrite(data, 1, size, file) != size) error = errno ? errno : EIO;
+  }
+};
+
+}  // namespace
+
 std::string Document::toString() const {
   std::string out;
   StringWriter writer(out);
-  for (auto n : impl_->doc.children()) {
-    if (n.type() == pugi::node_pcdata && allBlank(n.value())) continue;
-    n.print(writer, "", pugi::format_raw, pugi::encoding_utf8);
-    out += '\n';
-  }
+  printDocument(impl_->doc, writer);
   return out;
 }
 
@@ -478,14 +638,24 @@ void Document::save(const std::string& path, std::string_view encoding) const {
   }
   const auto target = detail::encodingFromName(name);
   if (!target) invalid("Unknown encoding \"" + name + "\"");
-  const std::string bytes = detail::encodeDocument(toString(), *target);
+  // UTF-8 is the document's own form: it goes to the file as it is printed,
+  // without a copy of the whole text (or two) in memory first.
+  std::string bytes;
+  if (*target != detail::Encoding::Utf8) bytes = detail::encodeDocument(toString(), *target);
 
   std::FILE* f = std::fopen(path.c_str(), "wb");
   bool ok = f != nullptr;
   int err = errno;
   if (ok) {
-    ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
-    if (!ok) err = errno;
+    if (*target == detail::Encoding::Utf8) {
+      FileWriter writer(f);
+      printDocument(impl_->doc, writer);
+      ok = writer.error == 0;
+      err = writer.error;
+    } else {
+      ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+      if (!ok) err = errno;
+    }
     if (std::fclose(f) != 0 && ok) ok = false, err = errno;
   }
   if (!ok)

@@ -138,14 +138,19 @@ std::string textKey(std::string_view t) {
   return k;
 }
 
-std::string valueKey(const Value& v) {
+// The key of a value, written into `key` (a buffer reused from row to row:
+// indexing a column then allocates only for the keys it keeps).
+void setValueKey(std::string& key, const Value& v) {
   switch (v.type()) {
-    case Value::Type::Null: return "n";
-    case Value::Type::Integer: return integerKey(v.rawInteger());
-    case Value::Type::Real: return realKey(v.rawReal());
-    case Value::Type::Text: return textKey(v.rawText());
+    case Value::Type::Null: key = "n"; return;
+    case Value::Type::Integer: key = integerKey(v.rawInteger()); return;
+    case Value::Type::Real: key = realKey(v.rawReal()); return;
+    case Value::Type::Text:
+      key.assign(1, 't');
+      key.append(v.rawText());
+      return;
   }
-  return "n";
+  key = "n";
 }
 
 // The key of a number written in a filter or held by a text, or empty when
@@ -276,12 +281,17 @@ class ClientRecordsetImpl final : public ClientRecordset {
   ClientRecordsetImpl(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt)
       : names_(columnNames(stmt->get())) {
     // Everything is read at once; the statement (and its read lock) goes.
+    // Rows are stored in blocks of a few hundred (no allocation per row: a
+    // whole target's positions or list entries are read this way, and no
+    // huge array to grow either).
     const auto n = static_cast<size_t>(names_.size());
+    rowsPerBlock_ = std::max<size_t>(1, kBlockBytes / (std::max<size_t>(1, n) * sizeof(Value)));
     while (step(*db, *stmt)) {
       sqlite3_stmt* s = stmt->get();
-      std::vector<Value> row(n);
-      for (size_t i = 0; i < n; ++i) row[i] = columnValue(s, static_cast<int>(i));
-      rows_.push_back(std::move(row));
+      if (rowCount_ % rowsPerBlock_ == 0) blocks_.push_back(std::make_unique<Value[]>(rowsPerBlock_ * n));
+      Value* out = blocks_.back().get() + (rowCount_ % rowsPerBlock_) * n;
+      for (size_t i = 0; i < n; ++i) out[i] = columnValue(s, static_cast<int>(i));
+      ++rowCount_;
     }
     indexes_.resize(n);
   }
@@ -322,7 +332,8 @@ class ClientRecordsetImpl final : public ClientRecordset {
 
   void close() override {
     closed_ = true;
-    rows_.clear();
+    blocks_.clear();
+    rowCount_ = 0;
     indexes_.clear();
     visible_.clear();
   }
@@ -372,26 +383,38 @@ class ClientRecordsetImpl final : public ClientRecordset {
     if (closed_) throwClosed();
   }
 
-  size_t visibleCount() const { return filtered_ ? visible_.size() : rows_.size(); }
+  size_t visibleCount() const { return filtered_ ? visible_.size() : rowCount_; }
 
-  const std::vector<Value>& current() const {
+  // The first value of row r.
+  const Value* row(size_t r) const {
+    return blocks_[r / rowsPerBlock_].get() + (r % rowsPerBlock_) * static_cast<size_t>(names_.size());
+  }
+
+  const Value* current() const {
     if (pos_ >= visibleCount()) throwNoCurrentRow();
-    return rows_[filtered_ ? visible_[pos_] : pos_];
+    return row(filtered_ ? visible_[pos_] : pos_);
   }
 
   const Index& indexOf(int column) {
     auto& slot = indexes_[static_cast<size_t>(column)];
     if (!slot) {
       slot = std::make_unique<Index>();
-      for (size_t r = 0; r < rows_.size(); ++r) {
-        (*slot)[valueKey(rows_[r][static_cast<size_t>(column)])].push_back(static_cast<uint32_t>(r));
+      std::string key;
+      for (size_t r = 0; r < rowCount_; ++r) {
+        setValueKey(key, row(r)[column]);
+        auto it = slot->find(key);
+        if (it == slot->end()) it = slot->emplace(key, std::vector<uint32_t>()).first;
+        it->second.push_back(static_cast<uint32_t>(r));
       }
     }
     return *slot;
   }
 
   FieldNames names_;
-  std::vector<std::vector<Value>> rows_;
+  static constexpr size_t kBlockBytes = 64 * 1024;
+  std::vector<std::unique_ptr<Value[]>> blocks_;  // rowsPerBlock_ rows of names_.size() values each
+  size_t rowsPerBlock_ = 1;
+  size_t rowCount_ = 0;
   std::vector<std::unique_ptr<Index>> indexes_;
   bool filtered_ = false;
   std::vector<uint32_t> visible_;

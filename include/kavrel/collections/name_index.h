@@ -1,0 +1,209 @@
+// First-match lookup by name over a keyed collection, kept up to date
+// incrementally.
+//
+// Whole-target reads and imports link tens of thousands of positions and
+// device data to data items by name, while names keep being set on other
+// elements. Rebuilding an index on every name change made those loops
+// quadratic, so instead:
+//  - every element kind has a journal of the elements whose name changed;
+//    an index re-files just those elements (by their current name) when it
+//    is next consulted;
+//  - elements appended to the collection since the last lookup are filed
+//    on their own; only a removal (or a journal that overflowed) rebuilds
+//    the whole index.
+// The lookup result is exactly that of a scan in collection order: the
+// first element whose key equals the key asked for.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "kavrel/collections/keyed_collection.h"
+
+namespace kavrel::detail {
+
+// The elements of one kind whose name changed, most recent last. Only the
+// last kCapacity changes are kept; an index further behind rebuilds.
+class NameJournal {
+ public:
+  static constexpr size_t kCapacity = 4096;
+
+  // Notes that `element` has a new name.
+  void record(const void* element) noexcept;
+  uint64_t version() const noexcept { return version_.load(std::memory_order_acquire); }
+  // Appends to `out` the elements changed from version `from` on and sets
+  // `to` to the version they lead to; false when some were already dropped.
+  bool changesSince(uint64_t from, std::vector<const void*>& out, uint64_t& to) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::array<const void*, kCapacity> ring_{};
+  std::atomic<uint64_t> version_{0};
+};
+
+// One journal per element kind whose collections look elements up by name.
+NameJournal& dataNameJournal() noexcept;
+NameJournal& requestNameJournal() noexcept;
+
+// The positions (0-based, ascending) of the elements filed under one key;
+// the first is held inline since most keys name a single element.
+struct NamePositions {
+  uint32_t first = 0;
+  std::vector<uint32_t> more;
+
+  size_t size() const { return 1 + more.size(); }
+  uint32_t at(size_t i) const { return i == 0 ? first : more[i - 1]; }
+  void insert(uint32_t p) {
+    if (p < first) {
+      more.insert(more.begin(), first);
+      first = p;
+    } else {
+      more.insert(std::lower_bound(more.begin(), more.end(), p), p);
+    }
+  }
+  // False when p was the only position left.
+  bool erase(uint32_t p) {
+    if (p == first) {
+      if (more.empty()) return false;
+      first = more.front();
+      more.erase(more.begin());
+    } else {
+      more.erase(std::lower_bound(more.begin(), more.end(), p));
+    }
+    return true;
+  }
+};
+
+template <class T>
+class NameIndex {
+ public:
+  using KeyOf = std::string (*)(const T&);
+
+  NameIndex(NameJournal& journal, KeyOf keyOf) : journal_(&journal), keyOf_(keyOf) {}
+
+  // The positions of the elements filed under `key`, or null when none.
+  const NamePositions* find(const KeyedCollection<T>& c, const std::string& key) {
+    sync(c);
+    auto it = buckets_.find(key);
+    return it == buckets_.end() ? nullptr : &it->second;
+  }
+
+  // The first element filed under `key`, or null.
+  std::shared_ptr<T> first(const KeyedCollection<T>& c, const std::string& key) {
+    const NamePositions* positions = find(c, key);
+    return positions ? c.Item(static_cast<int32_t>(positions->first) + 1) : nullptr;
+  }
+
+ private:
+  using Buckets = std::unordered_map<std::string, NamePositions>;
+  using Bucket = Buckets::value_type;
+
+  void sync(const KeyedCollection<T>& c) {
+    const uint64_t mods = c.modificationCount();
+    const auto count = static_cast<uint32_t>(c.Count());
+    const uint64_t version = journal_->version();
+    if (built_ && mods == mods_ && version == version_) return;
+    // Every add counts one modification and one more element; a removal
+    // counts a modification and one element less: equal differences mean
+    // appends only.
+    const bool appendsOnly = built_ && count >= filed_.size() && mods - mods_ == count - filed_.size();
+    if (!appendsOnly) return rebuild(c, version);
+    if (version != version_) {
+      std::vector<const void*> changed;
+      uint64_t reached = version_;
+      if (!journal_->changesSince(version_, changed, reached)) return rebuild(c, version);
+      if (!changed.empty() && !refileChanged(changed)) return rebuild(c, version);
+      version_ = reached;
+    }
+    for (auto p = static_cast<uint32_t>(filed_.size()); p < count; ++p)
+      append(c.Item(static_cast<int32_t>(p) + 1).get());
+    mods_ = mods;
+  }
+
+  // Refiles the filed elements among `changed`; false when an element is
+  // listed twice (then everything is refiled).
+  bool refileChanged(const std::vector<const void*>& changed) {
+    if (!positionsKnown_) {
+      // Only needed once names change after filing: built on first use.
+      positionOf_.reserve(filed_.size());
+      for (uint32_t p = 0; p < filed_.size(); ++p)
+        if (filed_[p] && !positionOf_.try_emplace(elements_[p], p).second) shared_ = true;
+      positionsKnown_ = true;
+    }
+    for (const void* e : changed) {
+      auto it = positionOf_.find(static_cast<const T*>(e));
+      if (it == positionOf_.end()) continue;  // not in this collection (or not filed yet)
+      if (shared_) return false;
+      refile(it->second, *it->first);
+    }
+    return true;
+  }
+
+  void rebuild(const KeyedCollection<T>& c, uint64_t version) {
+    buckets_.clear();
+    filed_.clear();
+    elements_.clear();
+    positionOf_.clear();
+    positionsKnown_ = false;
+    shared_ = false;
+    const auto n = static_cast<size_t>(c.Count());
+    buckets_.reserve(n);
+    filed_.reserve(n);
+    elements_.reserve(n);
+    for (const auto& e : c) append(e.get());
+    mods_ = c.modificationCount();
+    version_ = version;
+    built_ = true;
+  }
+
+  void append(const T* e) {
+    const auto p = static_cast<uint32_t>(filed_.size());
+    elements_.push_back(e);
+    if (!e) {
+      filed_.push_back(nullptr);
+      return;
+    }
+    if (positionsKnown_ && !positionOf_.try_emplace(e, p).second) shared_ = true;
+    auto [it, added] = buckets_.try_emplace(keyOf_(*e));
+    if (added)
+      it->second.first = p;
+    else
+      it->second.insert(p);  // positions come in ascending order: appended at the end
+    filed_.push_back(&*it);
+  }
+
+  // Moves the element at position p to the bucket of its current key.
+  void refile(uint32_t p, const T& e) {
+    std::string key = keyOf_(e);
+    Bucket* old = filed_[p];
+    if (old && old->first == key) return;
+    if (old && !old->second.erase(p)) buckets_.erase(buckets_.find(old->first));
+    auto [it, added] = buckets_.try_emplace(std::move(key));
+    if (added)
+      it->second.first = p;
+    else
+      it->second.insert(p);
+    filed_[p] = &*it;
+  }
+
+  NameJournal* journal_;
+  KeyOf keyOf_;
+  bool built_ = false;
+  bool positionsKnown_ = false;
+  bool shared_ = false;
+  uint64_t mods_ = 0;
+  uint64_t version_ = 0;
+  Buckets buckets_;
+  std::vector<Bucket*> filed_;        // by position: the bucket the element is filed in
+  std::vector<const T*> elements_;    // by position: the element
+  std::unordered_map<const T*, uint32_t> positionOf_;  // built when names change after filing
+};
+
+}  // namespace kavrel::detail
