@@ -14,7 +14,7 @@
 
 namespace kavrel::catalogue {
 
-struct IdLabelSpec {
+struct IdLabelTable {
   const char* selectAll;      // the table's two columns, for inserts
   const char* selectOrdered;  // the catalogue read
   const char* idColumn;
@@ -26,8 +26,8 @@ struct IdLabelSpec {
 };
 
 template <class Item>
-void insertIdLabelRow(db::UpdatableRecordset& rs, const IdLabelSpec& spec, const Item& t) {
-  rs.addNew({spec.idColumn, "Libelle"}, {db::Value(t.id()), db::Value(t.libelle())});
+void insertIdLabelRow(db::UpdatableRecordset& rs, const IdLabelTable& table, const Item& t) {
+  rs.addNew({table.idColumn, "Libelle"}, {db::Value(t.id()), db::Value(t.libelle())});
 }
 
 template <class Item>
@@ -37,7 +37,7 @@ void writeIdLabel(const Item& t, xml::Node reqNode) {
 }
 
 template <class Item>
-void loadIdLabel(Item& t, const IdLabelSpec& spec, const xml::Node& parNode) {
+void loadIdLabel(Item& t, const IdLabelTable& table, const xml::Node& parNode) {
   clearLastError();
   t.setLibelle({});
   t.setId(0);
@@ -47,21 +47,21 @@ void loadIdLabel(Item& t, const IdLabelSpec& spec, const xml::Node& parNode) {
     t.setLibelle(*name);
   } else {
     // Reported and dropped at once: the entry keeps its default.
-    recordError(1, "", spec.nameMissing);
+    recordError(1, "", table.nameMissing);
     clearLastError();
   }
   int32_t id = 0;
-  if (readInt(parNode, "@Id", id, spec.where) == AttrRead::Missing) {
-    recordError(1, "", spec.idMissing);
+  if (readInt(parNode, "@Id", id, table.where) == AttrRead::Missing) {
+    recordError(1, "", table.idMissing);
     clearLastError();
   }
   t.setId(id);
 }
 
 template <class Item>
-void insertIdLabel(db::Connection& conn, const IdLabelSpec& spec, const Item& t) {
-  auto rs = conn.openUpdatable(spec.selectAll);
-  insertIdLabelRow(*rs, spec, t);
+void insertIdLabel(db::Connection& conn, const IdLabelTable& table, const Item& t) {
+  auto rs = conn.openUpdatable(table.selectAll);
+  insertIdLabelRow(*rs, table, t);
   rs->close();
 }
 
@@ -80,10 +80,10 @@ typename Collection::Ptr findById(const Collection& c, int32_t id) {
 }
 
 template <class Collection>
-void insertAllIdLabel(db::Connection& conn, const IdLabelSpec& spec, const Collection& c) {
+void insertAllIdLabel(db::Connection& conn, const IdLabelTable& table, const Collection& c) {
   db::Transaction tx(conn);
-  auto rs = conn.openUpdatable(spec.selectAll);
-  for (const auto& t : c) insertIdLabelRow(*rs, spec, *t);
+  auto rs = conn.openUpdatable(table.selectAll);
+  for (const auto& t : c) insertIdLabelRow(*rs, table, *t);
   rs->close();
   tx.commit();
 }

@@ -5,7 +5,7 @@
 namespace kavrel {
 
 namespace {
-const catalogue::IdLabelSpec kSpec = {
+const catalogue::IdLabelTable kTable = {
     "SELECT [Type Panne Id],[Libelle] FROM [Type Panne]",
     "SELECT [Type Panne Id],[Libelle] FROM [Type Panne] ORDER BY [Libelle]",
     "Type Panne Id",
@@ -18,8 +18,8 @@ const catalogue::IdLabelSpec kSpec = {
 }  // namespace
 
 void PanneItem::createXMLnode(xml::Document& /*odoc*/, xml::Node reqNode) const { catalogue::writeIdLabel(*this, reqNode); }
-void PanneItem::loadXml(xml::Document& /*odoc*/, xml::Node parNode) { catalogue::loadIdLabel(*this, kSpec, parNode); }
-void PanneItem::dbInsert(db::Connection& conn) { catalogue::insertIdLabel(conn, kSpec, *this); }
+void PanneItem::loadXml(xml::Document& /*odoc*/, xml::Node parNode) { catalogue::loadIdLabel(*this, kTable, parNode); }
+void PanneItem::dbInsert(db::Connection& conn) { catalogue::insertIdLabel(conn, kTable, *this); }
 
 PanneItems::Ptr PanneItems::Add(int32_t id, std::string libelle, std::string_view sKey) {
   return addNew(sKey, [&](PanneItem& t) {
@@ -32,13 +32,13 @@ PanneItems::Ptr PanneItems::ItemName(std::string_view nom) const { return catalo
 PanneItems::Ptr PanneItems::ItemId(int32_t id) const { return catalogue::findById(*this, id); }
 
 bool PanneItems::DbRead(db::Connection& conn) {
-  return catalogue::readIdLabelRows(*this, conn, kSpec.selectOrdered, kSpec.idColumn, kSpec.tableMissing);
+  return catalogue::readIdLabelRows(*this, conn, kTable.selectOrdered, kTable.idColumn, kTable.tableMissing);
 }
 
 void PanneItems::createXMLnode(xml::Document& odoc, xml::Node parent) const {
-  catalogue::writeEntries(*this, odoc, parent, kSpec.element);
+  catalogue::writeEntries(*this, odoc, parent, kTable.element);
 }
-void PanneItems::loadXml(xml::Document& odoc, xml::Node parNode) { catalogue::loadEntries(*this, odoc, parNode, kSpec.element); }
-void PanneItems::dbInsertAll(db::Connection& conn) { catalogue::insertAllIdLabel(conn, kSpec, *this); }
+void PanneItems::loadXml(xml::Document& odoc, xml::Node parNode) { catalogue::loadEntries(*this, odoc, parNode, kTable.element); }
+void PanneItems::dbInsertAll(db::Connection& conn) { catalogue::insertAllIdLabel(conn, kTable, *this); }
 
 }  // namespace kavrel

@@ -5,7 +5,7 @@
 namespace kavrel {
 
 namespace {
-const catalogue::IdLabelSpec kSpec = {
+const catalogue::IdLabelTable kTable = {
     "SELECT [Type Organe Id],[Libelle] FROM [Type Organe]",
     "SELECT [Type Organe Id],[Libelle] FROM [Type Organe] ORDER BY [Libelle]",
     "Type Organe Id",
@@ -18,8 +18,8 @@ const catalogue::IdLabelSpec kSpec = {
 }  // namespace
 
 void TypeOrganeItem::createXMLnode(xml::Document& /*odoc*/, xml::Node reqNode) const { catalogue::writeIdLabel(*this, reqNode); }
-void TypeOrganeItem::loadXml(xml::Document& /*odoc*/, xml::Node parNode) { catalogue::loadIdLabel(*this, kSpec, parNode); }
-void TypeOrganeItem::dbInsert(db::Connection& conn) { catalogue::insertIdLabel(conn, kSpec, *this); }
+void TypeOrganeItem::loadXml(xml::Document& /*odoc*/, xml::Node parNode) { catalogue::loadIdLabel(*this, kTable, parNode); }
+void TypeOrganeItem::dbInsert(db::Connection& conn) { catalogue::insertIdLabel(conn, kTable, *this); }
 
 TypeOrganeItems::Ptr TypeOrganeItems::Add(int32_t id, std::string libelle, std::string_view sKey) {
   return addNew(sKey, [&](TypeOrganeItem& t) {
@@ -32,13 +32,13 @@ TypeOrganeItems::Ptr TypeOrganeItems::ItemName(std::string_view nom) const { ret
 TypeOrganeItems::Ptr TypeOrganeItems::ItemId(int32_t id) const { return catalogue::findById(*this, id); }
 
 bool TypeOrganeItems::DbRead(db::Connection& conn) {
-  return catalogue::readIdLabelRows(*this, conn, kSpec.selectOrdered, kSpec.idColumn, kSpec.tableMissing);
+  return catalogue::readIdLabelRows(*this, conn, kTable.selectOrdered, kTable.idColumn, kTable.tableMissing);
 }
 
 void TypeOrganeItems::createXMLnode(xml::Document& odoc, xml::Node parent) const {
-  catalogue::writeEntries(*this, odoc, parent, kSpec.element);
+  catalogue::writeEntries(*this, odoc, parent, kTable.element);
 }
-void TypeOrganeItems::loadXml(xml::Document& odoc, xml::Node parNode) { catalogue::loadEntries(*this, odoc, parNode, kSpec.element); }
-void TypeOrganeItems::dbInsertAll(db::Connection& conn) { catalogue::insertAllIdLabel(conn, kSpec, *this); }
+void TypeOrganeItems::loadXml(xml::Document& odoc, xml::Node parNode) { catalogue::loadEntries(*this, odoc, parNode, kTable.element); }
+void TypeOrganeItems::dbInsertAll(db::Connection& conn) { catalogue::insertAllIdLabel(conn, kTable, *this); }
 
 }  // namespace kavrel

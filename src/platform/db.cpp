@@ -12,6 +12,7 @@
 #include <limits>
 #include <optional>
 
+#include "kavrel/platform/text.h"
 #include "platform/sqlite/sqlite_backend.h"
 
 namespace kavrel::db {
@@ -261,24 +262,6 @@ bool isKnownKey(const std::string& key) {
   return key.rfind("jet oledb:", 0) == 0;
 }
 
-void appendUtf8(std::string& out, uint32_t cp) {
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
-}
-
 std::string utf16ToUtf8(std::string_view bytes, bool littleEndian) {
   std::string out;
   auto unit = [&](size_t i) {
@@ -291,12 +274,12 @@ std::string utf16ToUtf8(std::string_view bytes, bool littleEndian) {
     if (u >= 0xD800 && u <= 0xDBFF && i + 3 < bytes.size()) {
       uint32_t low = unit(i + 2);
       if (low >= 0xDC00 && low <= 0xDFFF) {
-        appendUtf8(out, 0x10000 + ((u - 0xD800) << 10) + (low - 0xDC00));
+        text::appendUtf8(out, 0x10000 + ((u - 0xD800) << 10) + (low - 0xDC00));
         i += 2;
         continue;
       }
     }
-    appendUtf8(out, u);
+    text::appendUtf8(out, u);
   }
   return out;
 }

@@ -49,6 +49,8 @@ std::string upper(std::string_view s);
 bool iequals(std::string_view a, std::string_view b);
 // Replaces every occurrence of `from` by `to`.
 std::string replaceAll(std::string_view s, std::string_view from, std::string_view to);
+// Appends the UTF-8 encoding of one code point.
+void appendUtf8(std::string& out, char32_t cp);
 // Upper-case hexadecimal of a 32-bit value, no leading zeros ("A", "FF").
 std::string hex(int32_t v);
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "kavrel/error.h"
+#include "kavrel/platform/text.h"
 
 namespace kavrel::xml::detail {
 namespace {
@@ -49,24 +50,6 @@ size_t decodeUtf8At(std::string_view s, size_t i, char32_t& cp) {
   return n;
 }
 
-void appendUtf8(std::string& out, char32_t cp) {
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
-}
-
 Decoded decodeUtf16(std::string_view bytes, bool bigEndian) {
   Decoded d;
   d.utf8.reserve(bytes.size() / 2);
@@ -81,7 +64,7 @@ Decoded decodeUtf16(std::string_view bytes, bool bigEndian) {
     if (u >= 0xD800 && u <= 0xDBFF && i + 3 < bytes.size()) {
       const char32_t low = unitAt(i + 2);
       if (low >= 0xDC00 && low <= 0xDFFF) {
-        appendUtf8(d.utf8, 0x10000 + ((u - 0xD800) << 10) + (low - 0xDC00));
+        text::appendUtf8(d.utf8, 0x10000 + ((u - 0xD800) << 10) + (low - 0xDC00));
         i += 2;
         continue;
       }
@@ -91,7 +74,7 @@ Decoded decodeUtf16(std::string_view bytes, bool bigEndian) {
       d.reason = "Invalid UTF-16 text (unpaired surrogate)";
       return d;
     }
-    appendUtf8(d.utf8, u);
+    text::appendUtf8(d.utf8, u);
   }
   if (i < bytes.size()) {
     d.code = kCodeInvalidCharacter;
@@ -108,7 +91,7 @@ Decoded decodeSingleByte(std::string_view bytes, Encoding encoding) {
     char32_t cp = b;
     if (encoding == Encoding::Windows1252 && b >= 0x80 && b <= 0x9F && kCp1252High[b - 0x80] != 0)
       cp = kCp1252High[b - 0x80];
-    appendUtf8(d.utf8, cp);
+    text::appendUtf8(d.utf8, cp);
   }
   return d;
 }
