@@ -170,9 +170,14 @@ char32_t foldUpper(char32_t cp) {
 // byte for byte (so malformed bytes pass through unchanged).
 template <class Fold>
 std::string mapCase(std::string_view s, Fold fold) {
-  std::string out;
+  // ASCII texts (names, mostly) map byte for byte into a text of the same size.
+  size_t ascii = 0;
+  while (ascii < s.size() && static_cast<unsigned char>(s[ascii]) < 0x80) ++ascii;
+  std::string out(s.substr(0, ascii));
+  for (char& c : out) c = static_cast<char>(fold(static_cast<unsigned char>(c)));
+  if (ascii == s.size()) return out;
   out.reserve(s.size());
-  for (size_t i = 0; i < s.size();) {
+  for (size_t i = ascii; i < s.size();) {
     const auto b = static_cast<unsigned char>(s[i]);
     if (b < 0x80) {  // ASCII, the usual case: no decoding needed
       out += static_cast<char>(fold(b));
@@ -294,9 +299,25 @@ std::string trim(std::string_view s) {
   return std::string(s);
 }
 
-std::string lower(std::string_view s) { return mapCase(s, foldLower); }
+std::string trim(std::string&& s) {
+  const size_t last = s.find_last_not_of(' ');
+  if (last == std::string::npos) return {};
+  s.erase(last + 1);
+  s.erase(0, s.find_first_not_of(' '));
+  return std::move(s);
+}
 
-std::string upper(std::string_view s) { return mapCase(s, foldUpper); }
+std::string trim(const char* s) { return trim(std::string_view(s)); }
+
+// Lambdas, not the functions themselves: the fold is then inlined into the
+// loop (names are lowered for every lookup).
+std::string lower(std::string_view s) {
+  return mapCase(s, [](char32_t c) { return foldLower(c); });
+}
+
+std::string upper(std::string_view s) {
+  return mapCase(s, [](char32_t c) { return foldUpper(c); });
+}
 
 bool iequals(std::string_view a, std::string_view b) {
   size_t i = 0, j = 0;

@@ -188,7 +188,9 @@ void DataItem::createXMLnode(xml::Document& odoc, xml::Node reqNode) {
 
 void DataItem::loadXml(xml::Document& odoc, xml::Node parNode) {
   std::optional<std::string> name;
-  trap([&] { name = parNode.attribute("Name"); });
+  trap([&] {
+    if (auto v = parNode.attributes().get("Name")) name = std::string(*v);
+  });
   if (!name) {
     recordError(100, "", "DataItem.loadXml error : Name not defined");
     clearLastError();
@@ -238,29 +240,31 @@ void DataItem::loadXml(xml::Document& odoc, xml::Node parNode) {
   trap([&] { bits = parNode.child("Bits"); });
   if (bits) {
     numerique_ = true;
+    const xml::Attributes bitsAttributes = bits.attributes();
     trap([&] {
-      if (auto c = bits.attribute("count")) NumberBits_ = text::toInt(*c);
+      if (auto c = bitsAttributes.get("count")) NumberBits_ = text::toInt(*c);
     });
     trap([&] {
-      if (auto s = bits.attribute("signed")) Signe_ = text::toBool(*s);
+      if (auto s = bitsAttributes.get("signed")) Signe_ = text::toBool(*s);
     });
     xml::Node scaled;
     trap([&] { scaled = bits.child("Scaled"); });
     if (scaled) {
+      const xml::Attributes scaledAttributes = scaled.attributes();
       trap([&] {
-        if (auto v = scaled.attribute("Step")) CoeffA_ = text::val(*v);
+        if (auto v = scaledAttributes.get("Step")) CoeffA_ = text::val(*v);
       });
       trap([&] {
-        if (auto v = scaled.attribute("Offset")) CoeffB_ = text::val(*v);
+        if (auto v = scaledAttributes.get("Offset")) CoeffB_ = text::val(*v);
       });
       trap([&] {
-        if (auto v = scaled.attribute("DivideBy")) CoeffC_ = text::val(*v);
+        if (auto v = scaledAttributes.get("DivideBy")) CoeffC_ = text::val(*v);
       });
       trap([&] {
-        if (auto v = scaled.attribute("Unit")) Unite_ = *v;
+        if (auto v = scaledAttributes.get("Unit")) Unite_ = std::string(*v);
       });
       trap([&] {
-        if (auto v = scaled.attribute("Format")) DataFormat_ = *v;
+        if (auto v = scaledAttributes.get("Format")) DataFormat_ = std::string(*v);
       });
     }
     xml::Node list;
@@ -277,8 +281,9 @@ void DataItem::loadXml(xml::Document& odoc, xml::Node parNode) {
   trap([&] { bytes = parNode.child("Bytes"); });
   if (bytes) {
     numerique_ = false;
+    const xml::Attributes bytesAttributes = bytes.attributes();
     trap([&] {
-      auto c = bytes.attribute("count");
+      auto c = bytesAttributes.get("count");
       if (!c) return;
       // A byte count may be a fraction (12 bits are 1.5 bytes).
       const std::string t = text::trim(*c);
@@ -288,7 +293,7 @@ void DataItem::loadXml(xml::Document& odoc, xml::Node parNode) {
       NumberBits_ = roundToInt(text::val(t) * 8.0);
     });
     trap([&] {
-      if (auto a = bytes.attribute("ascii")) Ascii_ = text::toBool(*a);
+      if (auto a = bytesAttributes.get("ascii")) Ascii_ = text::toBool(*a);
     });
   }
 }
@@ -741,6 +746,7 @@ void DataItems::loadXml(xml::Document& odoc, xml::Node parNode, const std::share
     auto d = std::make_shared<DataItem>();
     d->setParent(Ptarget);
     d->loadXml(odoc, node);
+    odoc.discardRead(node);
     // The complement of the pending number is non-zero for every number but
     // -1: items that reported an error are kept too.
     if (~lastError().number) trap([&] { AddData(d); });

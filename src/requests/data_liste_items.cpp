@@ -80,13 +80,14 @@ void DataListeItem::createXMLnode(xml::Document&, xml::Node reqNode) const {
 
 void DataListeItem::loadXml(xml::Document&, xml::Node parNode) {
   // A missing attribute reads as Null, which a text or a number cannot take.
+  const xml::Attributes attributes = parNode.attributes();
   auto attributeOrNull = [&](const char* name) {
-    auto v = parNode.attribute(name);
+    auto v = attributes.get(name);
     if (!v) raise(kErrInvalidUseOfNull, "", "Invalid use of Null");
-    return std::move(*v);
+    return *v;
   };
   try {
-    libelle_ = attributeOrNull("Text");
+    libelle_ = std::string(attributeOrNull("Text"));
   } catch (const Error& e) {
     recordError(1, "", e.description());
   }

@@ -85,12 +85,14 @@ void warnDataNotFound(const std::shared_ptr<TargetItem>& target, const std::stri
 namespace detail {
 
 void linkPositionToData(const std::shared_ptr<DataPositionItem>& pos) {
-  auto data = pos ? pos->Data() : nullptr;
+  // Called for every position a target reads: no reference-count traffic
+  // beyond the one new entry.
+  DataItem* data = pos ? pos->dataPtr() : nullptr;
   if (!data) return;
-  auto list = data->DataPositions();
+  DataPositionItems* list = data->dataPositionsPtr();
   if (!list) {
-    list = std::make_shared<DataPositionItems>();
-    data->setDataPositions(list);
+    data->setDataPositions(std::make_shared<DataPositionItems>());
+    list = data->dataPositionsPtr();
   }
   for (const auto& p : *list)
     if (p == pos) return;
@@ -198,14 +200,15 @@ void DataPositionItem::loadXml(xml::Document&, xml::Node parNode) {
   reference_ = false;
   LittleEndian_ = targetLittleEndian(ownersOf(*this).target);
 
+  const xml::Attributes attributes = parNode.attributes();
   trap([&] {
-    auto name = parNode.attribute("Name");
+    auto name = attributes.get("Name");
     if (!name) {
       dataname_.clear();
       Data_.reset();
       raise(1, "", "DataPositionItem.loadXml error : Dataname missing");
     }
-    std::string n = std::move(*name);
+    std::string n(*name);
     if (text::length(n) > kMaxDataName) {
       host().messageBox("Data name '" + n + "' too long , MDB database max length = 70 characters\r\n" +
                             "name is truncated to 70 car",
@@ -215,23 +218,23 @@ void DataPositionItem::loadXml(xml::Document&, xml::Node parNode) {
     setDataname(std::move(n));
   });
   trap([&] {
-    if (auto v = parNode.attribute("FirstByte")) StartOctet_ = text::toInt(*v);
+    if (auto v = attributes.get("FirstByte")) StartOctet_ = text::toInt(*v);
   });
   trap([&] {
-    if (auto v = parNode.attribute("BitOffset")) StartBit_ = text::toInt(*v);
+    if (auto v = attributes.get("BitOffset")) StartBit_ = text::toInt(*v);
   });
   trap([&] {
-    if (auto v = parNode.attribute("Ref")) reference_ = text::toBool(*v);
+    if (auto v = attributes.get("Ref")) reference_ = text::toBool(*v);
   });
   trap([&] {
-    auto v = parNode.attribute("Endian");
+    auto v = attributes.get("Endian");
     if (!v) return;
     if (text::iequals(*v, "Little"))
       LittleEndian_ = true;
     else if (text::iequals(*v, "Big"))
       LittleEndian_ = false;
     else
-      raise(1, "", "DataPositionItem.loadXml error : Endian '" + *v + "' is neither Little nor Big");
+      raise(1, "", "DataPositionItem.loadXml error : Endian '" + std::string(*v) + "' is neither Little nor Big");
   });
 }
 

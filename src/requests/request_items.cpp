@@ -379,6 +379,7 @@ void RequestItems::loadXml(xml::Document& odoc, xml::Node node, const std::share
     auto r = std::make_shared<RequestItem>();
     r->setParent(target);
     r->loadXml(odoc, n);
+    odoc.discardRead(n);
     // Added even when its element was incomplete (the error stays pending).
     trap([&] { AddData(r); });
   }

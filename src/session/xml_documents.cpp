@@ -165,6 +165,8 @@ void KavrelDatabase::ImportUceFromXml(const std::string& fileName) {
   xml::Document odoc;
   // A file that cannot be read or parsed leaves an empty document, which is
   // refused below for its missing root.
+  // Nothing else sees this document: its elements may go once read.
+  odoc.setReadOnce(true);
   odoc.load(fileName);
 
   NewTarget();

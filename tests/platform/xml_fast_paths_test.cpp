@@ -78,6 +78,56 @@ TEST(XmlAttributes, LookupsAndReplacementsByNameAndValuesUpToANul) {
   EXPECT_THROW(doc.root().selectSingleNode("E/@V").setAttribute("x", "y"), Error);
 }
 
+TEST(XmlAttributes, ReadAllAtOnceTheyAnswerAsSingleLookupsDo) {
+  Document doc;
+  Node e = doc.appendElement("E");
+  std::vector<std::string> asked = {"Na", "Names", "Missing", std::string(70, 'L')};
+  for (int i = 0; i < 11; ++i) {  // past the attributes kept without allocation
+    const std::string name = i % 2 ? "A" + std::to_string(i) : "Attribute" + std::to_string(i);
+    e.setAttribute(name, "value " + std::to_string(i));
+    asked.push_back(name);
+  }
+  e.setAttribute(std::string(70, 'L') + "x", "long");  // a name too long for the stack copy
+  e.setAttribute("Name", "");
+  asked.push_back(std::string(70, 'L') + "x");
+  asked.push_back("Name");
+
+  const Attributes all = e.attributes();
+  EXPECT_EQ(all.size(), 13u);
+  for (const auto& name : asked) {
+    const auto one = e.attribute(name);
+    const auto fromAll = all.get(name);
+    ASSERT_EQ(one.has_value(), fromAll.has_value()) << name;
+    if (one) {
+      EXPECT_EQ(*one, *fromAll) << name;
+    }
+  }
+  EXPECT_EQ(e.attribute(std::string(70, 'L') + "x"), "long");
+  EXPECT_EQ(all.get("Name"), "");
+  // Nodes that are not elements have none.
+  EXPECT_EQ(doc.root().selectSingleNode("E/@Name").attributes().size(), 0u);
+  EXPECT_EQ(Node().attributes().size(), 0u);
+}
+
+TEST(XmlLoad, OnlyADocumentReadOnceLetsItsReadersDropElements) {
+  const char* text = "<xml><Datas><Data n='1'><Item/></Data><Data n='2'/></Datas></xml>";
+  for (bool once : {false, true}) {
+    Document doc;
+    doc.setReadOnce(once);
+    ASSERT_TRUE(doc.loadString(text));
+    EXPECT_EQ(doc.readOnce(), once);
+    const std::vector<Node> datas = doc.documentElement().child("Datas").selectNodes("Data");
+    ASSERT_EQ(datas.size(), 2u);
+    doc.discardRead(datas[0]);
+    doc.discardRead(datas[1].selectSingleNode("@n"));  // not an element: kept
+    doc.discardRead(doc.documentElement().selectSingleNode("comment()"));
+    const std::vector<std::string> left =
+        once ? std::vector<std::string>{"Data=2"} : std::vector<std::string>{"Data=1", "Data=2"};
+    EXPECT_EQ(names(doc.documentElement().child("Datas").selectNodes("Data")), left);
+    EXPECT_EQ(datas[1].attribute("n"), "2");  // later siblings stay usable
+  }
+}
+
 TEST(XmlLoad, DocumentsParsedInPlaceReportFaultsAsLoadedFromTextAndCanBeChanged) {
   test::TempDir dir;
   const std::string path = dir.file("d.xml");

@@ -44,7 +44,7 @@ class KeyedCollection {
 
   class const_iterator {
    public:
-    using Inner = typename std::vector<std::pair<Ptr, std::string>>::const_iterator;
+    using Inner = typename std::vector<Ptr>::const_iterator;
     using iterator_category = std::forward_iterator_tag;
     using value_type = Ptr;
     using difference_type = std::ptrdiff_t;
@@ -53,8 +53,8 @@ class KeyedCollection {
 
     const_iterator() = default;
     explicit const_iterator(Inner it) : it_(it) {}
-    const Ptr& operator*() const { return it_->first; }
-    const Ptr* operator->() const { return &it_->first; }
+    const Ptr& operator*() const { return *it_; }
+    const Ptr* operator->() const { return &*it_; }
     const_iterator& operator++() {
       ++it_;
       return *this;
@@ -80,11 +80,15 @@ class KeyedCollection {
   Ptr AddData(Ptr d, std::string_view sKey = {}) {
     if (!sKey.empty()) {
       std::string key(sKey);
-      if (keys_.count(key)) detail::throwDuplicateCollectionKey();
-      keys_.emplace(key, d);
-      entries_.emplace_back(d, std::move(key));
+      if (keys_ && keys_->byKey.count(key)) detail::throwDuplicateCollectionKey();
+      if (!keys_) keys_ = std::make_unique<Keys>();
+      keys_->byPosition.resize(entries_.size());
+      keys_->byKey.emplace(key, d);
+      entries_.push_back(d);
+      keys_->byPosition.push_back(std::move(key));
     } else {
-      entries_.emplace_back(d, std::string());
+      entries_.push_back(d);
+      if (keys_) keys_->byPosition.emplace_back();
     }
     ++modificationCount_;
     return d;
@@ -92,11 +96,12 @@ class KeyedCollection {
 
   const Ptr& Item(int32_t index) const {
     if (index < 1 || static_cast<size_t>(index) > entries_.size()) detail::throwBadCollectionArgument();
-    return entries_[static_cast<size_t>(index - 1)].first;
+    return entries_[static_cast<size_t>(index - 1)];
   }
   const Ptr& Item(std::string_view key) const {
-    auto it = keys_.find(std::string(key));
-    if (it == keys_.end()) detail::throwBadCollectionArgument();
+    if (!keys_) detail::throwBadCollectionArgument();
+    auto it = keys_->byKey.find(std::string(key));
+    if (it == keys_->byKey.end()) detail::throwBadCollectionArgument();
     return it->second;
   }
   // Avoids a string literal choosing the position overload's conversion.
@@ -110,21 +115,28 @@ class KeyedCollection {
 
   void Remove(int32_t index) {
     if (index < 1 || static_cast<size_t>(index) > entries_.size()) detail::throwBadCollectionArgument();
-    auto it = entries_.begin() + (index - 1);
-    if (!it->second.empty()) keys_.erase(it->second);
-    entries_.erase(it);
+    const auto at = static_cast<std::ptrdiff_t>(index - 1);
+    if (keys_) {
+      auto& byPosition = keys_->byPosition;
+      if (!byPosition[static_cast<size_t>(at)].empty()) keys_->byKey.erase(byPosition[static_cast<size_t>(at)]);
+      byPosition.erase(byPosition.begin() + at);
+    }
+    entries_.erase(entries_.begin() + at);
     ++modificationCount_;
   }
   void Remove(std::string_view key) {
-    auto k = keys_.find(std::string(key));
-    if (k == keys_.end()) detail::throwBadCollectionArgument();
-    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-      if (it->second == k->first) {
-        entries_.erase(it);
+    if (!keys_) detail::throwBadCollectionArgument();
+    auto k = keys_->byKey.find(std::string(key));
+    if (k == keys_->byKey.end()) detail::throwBadCollectionArgument();
+    auto& byPosition = keys_->byPosition;
+    for (size_t i = 0; i < byPosition.size(); ++i) {
+      if (byPosition[i] == k->first) {
+        entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(i));
+        byPosition.erase(byPosition.begin() + static_cast<std::ptrdiff_t>(i));
         break;
       }
     }
-    keys_.erase(k);
+    keys_->byKey.erase(k);
     ++modificationCount_;
   }
   void Remove(const char* key) { Remove(std::string_view(key)); }
@@ -137,7 +149,7 @@ class KeyedCollection {
     size_t cleared = 0;
     try {
       for (; cleared < entries_.size(); ++cleared) {
-        Ptr e = entries_[cleared].first;
+        Ptr e = entries_[cleared];
         if (e) e->clear();
       }
     } catch (...) {
@@ -157,7 +169,9 @@ class KeyedCollection {
   // The key an element was stored under ("" when none), by position.
   const std::string& keyAt(int32_t index) const {
     if (index < 1 || static_cast<size_t>(index) > entries_.size()) detail::throwBadCollectionArgument();
-    return entries_[static_cast<size_t>(index - 1)].second;
+    static const std::string kNoKey;
+    const auto at = static_cast<size_t>(index - 1);
+    return keys_ ? keys_->byPosition[at] : kNoKey;
   }
 
  protected:
@@ -173,14 +187,25 @@ class KeyedCollection {
  private:
   // Removes the first n entries (and their keys) in one step.
   void dropFront(size_t n) {
-    for (size_t i = 0; i < n; ++i)
-      if (!entries_[i].second.empty()) keys_.erase(entries_[i].second);
+    if (keys_) {
+      auto& byPosition = keys_->byPosition;
+      for (size_t i = 0; i < n; ++i)
+        if (!byPosition[i].empty()) keys_->byKey.erase(byPosition[i]);
+      byPosition.erase(byPosition.begin(), byPosition.begin() + static_cast<std::ptrdiff_t>(n));
+    }
     entries_.erase(entries_.begin(), entries_.begin() + static_cast<std::ptrdiff_t>(n));
     modificationCount_ += n;
   }
 
-  std::vector<std::pair<Ptr, std::string>> entries_;
-  std::unordered_map<std::string, Ptr> keys_;
+  // Keys, made on the first element added under one: most collections have
+  // none, and a target holds a hundred thousand collections.
+  struct Keys {
+    std::vector<std::string> byPosition;  // parallel to entries_ ("" = no key)
+    std::unordered_map<std::string, Ptr> byKey;
+  };
+
+  std::vector<Ptr> entries_;
+  std::unique_ptr<Keys> keys_;
   uint64_t modificationCount_ = 0;
 };
 

@@ -41,6 +41,9 @@ std::string left(std::string_view s, size_t n);
 std::string right(std::string_view s, size_t n);
 // Blanks (spaces) removed at both ends, like the legacy Trim.
 std::string trim(std::string_view s);
+// The same, reusing the text's own storage.
+std::string trim(std::string&& s);
+std::string trim(const char* s);
 // ASCII letters lowered; other characters as they are, except the Latin-1
 // supplement capitals (À..Þ) which are lowered too.
 std::string lower(std::string_view s);

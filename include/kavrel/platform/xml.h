@@ -7,6 +7,7 @@
 // no namespace processing, which is what the documents' readers expect.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,6 +23,48 @@ namespace kavrel::xml {
 
 // Declaration: the "xml" processing instruction (name "xml", value its data).
 enum class NodeType { Null, Document, Element, Text, CData, Comment, ProcessingInstruction, Declaration, Attribute };
+
+// The attributes of one element, read in a single pass: readers that look up
+// several attributes of each of many elements scan these views instead of
+// walking the element once per name. The views stay valid while the
+// element's attributes are unchanged and the document lives.
+class Attributes {
+ public:
+  // The value of the attribute named exactly `name`, if the element has it.
+  std::optional<std::string_view> get(std::string_view name) const noexcept {
+    for (size_t i = 0; i < count_; ++i) {
+      const Entry& e = i < kInline ? inline_[i] : more_[i - kInline];
+      if (sameName(e.name, name)) return std::string_view(e.value);
+    }
+    return std::nullopt;
+  }
+  size_t size() const noexcept { return count_; }
+
+ private:
+  friend class Node;
+  // Terminated texts of the document; lengths are only measured for the
+  // values asked for.
+  struct Entry {
+    const char* name;
+    const char* value;
+  };
+  static constexpr size_t kInline = 8;
+  static bool sameName(const char* terminated, std::string_view name) noexcept {
+    for (char c : name)
+      if (*terminated++ != c || c == '\0') return false;
+    return *terminated == '\0';
+  }
+  void add(const char* name, const char* value) {
+    if (count_ < kInline)
+      inline_[count_] = {name, value};
+    else
+      more_.push_back({name, value});
+    ++count_;
+  }
+  std::array<Entry, kInline> inline_;  // only the first count_ are set
+  std::vector<Entry> more_;
+  size_t count_ = 0;
+};
 
 class Node {
  public:
@@ -41,6 +84,8 @@ class Node {
   // Attributes (elements only).
   std::optional<std::string> attribute(std::string_view name) const;
   bool hasAttribute(std::string_view name) const;
+  // All of them at once (none for a node that is not an element).
+  Attributes attributes() const;
   void setAttribute(std::string_view name, std::string_view value);
 
   // Building.
@@ -120,6 +165,17 @@ class Document {
   const ParseError& parseError() const;
   bool preserveWhiteSpace() const;
   void setPreserveWhiteSpace(bool keep);
+
+  // A document read once (a loader's own, dropped after reading) lets its
+  // readers discard each element as soon as it is read: the memory of the
+  // parsed elements is then reused by what is built from them instead of
+  // new memory. Off by default, so a caller's document is never changed.
+  bool readOnce() const;
+  void setReadOnce(bool once);
+  // Removes the element `done` (and what it holds) from a document read
+  // once; does nothing otherwise. Handles to the removed nodes are then
+  // invalid.
+  void discardRead(const Node& done);
 
   // Saves in the named encoding ("UTF-8", "UTF-16", "ISO-8859-1",
   // "windows-1252", "US-ASCII", letter case ignored; empty means the one

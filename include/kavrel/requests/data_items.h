@@ -55,6 +55,8 @@ class DataItem : public std::enable_shared_from_this<DataItem> {
   std::shared_ptr<DataListeItems> DataListes() const { return DataListes_; }
   void setDataListes(std::shared_ptr<DataListeItems> v) { DataListes_ = std::move(v); }
   std::shared_ptr<DataPositionItems> DataPositions() const { return DataPositions_; }
+  // The same without taking a reference (null when none): for bulk loops.
+  DataPositionItems* dataPositionsPtr() const noexcept { return DataPositions_.get(); }
   void setDataPositions(std::shared_ptr<DataPositionItems> v) { DataPositions_ = std::move(v); }
   std::shared_ptr<TargetItem> parent() const { return parent_.lock(); }
   void setParent(const std::shared_ptr<TargetItem>& p) { parent_ = p; }

@@ -34,6 +34,8 @@ class DataPositionItem {
   const std::string& requestName() const { return requestName_; }
   void setRequestName(std::string v) { requestName_ = std::move(v); }
   std::shared_ptr<DataItem> Data() const { return Data_; }
+  // The same without taking a reference (null when none): for bulk loops.
+  DataItem* dataPtr() const noexcept { return Data_.get(); }
   void setData(std::shared_ptr<DataItem> v) { Data_ = std::move(v); }
   std::shared_ptr<DisplayDataItems> DisplayDatas() const { return DisplayDatas_; }
   void setDisplayDatas(std::shared_ptr<DisplayDataItems> v) { DisplayDatas_ = std::move(v); }

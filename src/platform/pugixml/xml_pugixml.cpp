@@ -8,6 +8,7 @@
 // and loading then saving it again gives the same bytes.
 #include <pugixml.hpp>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -94,20 +95,33 @@ void setValue(Target t, std::string_view value) {
   t.set_value(value.data(), value.size());
 }
 
-// Whether a terminated name equals `name` (taken up to a first NUL, as a
-// terminated copy of it would be).
-bool sameName(const char* terminated, std::string_view name) {
-  size_t i = 0;
-  while (i < name.size() && name[i] != '\0' && terminated[i] == name[i]) ++i;
-  return terminated[i] == '\0' && (i == name.size() || name[i] == '\0');
-}
+// A name as the terminated string the parser's lookups take, copied to the
+// stack when short (names are): one lookup call then walks the attributes
+// or children inside the parser, instead of one call per node visited.
+// Like any terminated copy, it ends at a first NUL.
+class TerminatedName {
+ public:
+  explicit TerminatedName(std::string_view name) {
+    if (name.size() < sizeof(buffer_)) {
+      size_t i = 0;
+      for (; i < name.size() && name[i] != '\0'; ++i) buffer_[i] = name[i];
+      buffer_[i] = '\0';
+      text_ = buffer_;
+    } else {
+      long_.assign(name.substr(0, std::min(name.size(), name.find('\0'))));
+      text_ = long_.c_str();
+    }
+  }
+  const char* c_str() const { return text_; }
 
-// An element's attribute by name, without building a terminated copy of
-// the name.
+ private:
+  char buffer_[64];
+  std::string long_;
+  const char* text_;
+};
+
 pugi::xml_attribute findAttribute(pugi::xml_node n, std::string_view name) {
-  for (pugi::xml_attribute a = n.first_attribute(); a; a = a.next_attribute())
-    if (sameName(a.name(), name)) return a;
-  return {};
+  return n.attribute(TerminatedName(name).c_str());
 }
 
 pugi::xml_node checkedAppend(pugi::xml_node parent, pugi::xml_node_type type, const char* operation) {
@@ -157,8 +171,9 @@ bool isPlainChildName(std::string_view xpath) {
 template <class F>
 void forEachChildNamed(pugi::xml_node_struct* n, pugi::xml_attribute_struct* a, std::string_view name, F&& f) {
   if (a != nullptr || n == nullptr) return;
-  for (pugi::xml_node c = pnode(n).first_child(); c; c = c.next_sibling())
-    if (c.type() == pugi::node_element && name == c.name())
+  const TerminatedName wanted(name);
+  for (pugi::xml_node c = pnode(n).child(wanted.c_str()); c; c = c.next_sibling(wanted.c_str()))
+    if (c.type() == pugi::node_element)
       if (!f(c)) return;
 }
 
@@ -182,6 +197,9 @@ pugi::xpath_node_set evaluate(pugi::xml_node_struct* n, pugi::xml_attribute_stru
 std::string descendantText(const pugi::xml_node& top) {
   std::string out;
   pugi::xml_node n = top.first_child();
+  // The usual element holds one text or CDATA node: its value, without
+  // walking the subtree.
+  if (n && !n.next_sibling() && (n.type() == pugi::node_pcdata || n.type() == pugi::node_cdata)) return n.value();
   while (n) {
     if (n.type() == pugi::node_pcdata || n.type() == pugi::node_cdata) out += n.value();
     if (n.first_child()) {
@@ -271,6 +289,14 @@ std::optional<std::string> Node::attribute(std::string_view name) const {
   return std::string(a.value());
 }
 
+Attributes Node::attributes() const {
+  Attributes out;
+  if (attr_ != nullptr || node_ == nullptr) return out;
+  for (pugi::xml_attribute a = pnode(node_).first_attribute(); a; a = a.next_attribute())
+    out.add(a.name(), a.value());
+  return out;
+}
+
 bool Node::hasAttribute(std::string_view name) const {
   if (attr_ != nullptr || node_ == nullptr) return false;
   return static_cast<bool>(findAttribute(pnode(node_), name));
@@ -281,8 +307,9 @@ void Node::setAttribute(std::string_view name, std::string_view value) {
     invalid("setAttribute: not an element");
   checkName(name, "attribute");
   pugi::xml_node n = pnode(node_);
-  pugi::xml_attribute a = n.first_attribute() ? findAttribute(n, name) : pugi::xml_attribute();
-  if (!a) a = n.append_attribute(std::string(name).c_str());
+  const TerminatedName terminated(name);
+  pugi::xml_attribute a = n.first_attribute() ? n.attribute(terminated.c_str()) : pugi::xml_attribute();
+  if (!a) a = n.append_attribute(terminated.c_str());
   setValue(a, value);
 }
 
@@ -292,7 +319,7 @@ Node Node::appendElement(std::string_view name) {
   if (parent.type() == pugi::node_document) checkTopLevelElement(parent);
   pugi::xml_node made = parent.append_child(pugi::node_element);
   if (!made) invalid("appendElement: this node cannot have children");
-  made.set_name(std::string(name).c_str());
+  made.set_name(TerminatedName(name).c_str());
   return Node(made.internal_object(), nullptr);
 }
 
@@ -353,10 +380,12 @@ std::vector<Node> Node::children() const {
 }
 
 Node Node::child(std::string_view name) const {
-  if (attr_ != nullptr || node_ == nullptr) return {};
-  for (auto n : pnode(node_).children())
-    if (n.type() == pugi::node_element && name == n.name()) return Node(n.internal_object(), nullptr);
-  return {};
+  Node found;
+  forEachChildNamed(node_, attr_, name, [&](pugi::xml_node c) {
+    found = Node(c.internal_object(), nullptr);
+    return false;
+  });
+  return found;
 }
 
 Node Node::selectSingleNode(std::string_view xpath) const {
@@ -385,6 +414,10 @@ std::vector<Node> Node::selectNodes(std::string_view xpath) const {
   std::vector<Node> out;
   if (isNull()) return out;
   if (isPlainChildName(xpath)) {
+    // Counted first: one allocation instead of one per doubling.
+    size_t count = 0;
+    forEachChildNamed(node_, attr_, xpath, [&](pugi::xml_node) { return ++count, true; });
+    out.reserve(count);
     forEachChildNamed(node_, attr_, xpath, [&](pugi::xml_node c) {
       out.push_back(Node(c.internal_object(), nullptr));
       return true;
@@ -417,6 +450,7 @@ struct Document::Impl {
   std::string storage;
   ParseError error;
   bool preserveWhiteSpace = false;
+  bool readOnce = false;
 
   bool fail(int code, std::string reason, std::string_view text = {}, size_t offset = 0, bool located = false) {
     doc.reset();
@@ -599,6 +633,17 @@ const ParseError& Document::parseError() const { return impl_->error; }
 bool Document::preserveWhiteSpace() const { return impl_->preserveWhiteSpace; }
 
 void Document::setPreserveWhiteSpace(bool keep) { impl_->preserveWhiteSpace = keep; }
+
+bool Document::readOnce() const { return impl_->readOnce; }
+
+void Document::setReadOnce(bool once) { impl_->readOnce = once; }
+
+void Document::discardRead(const Node& done) {
+  if (!impl_->readOnce || done.node_ == nullptr || done.attr_ != nullptr) return;
+  const pugi::xml_node n = pnode(done.node_);
+  if (n.type() != pugi::node_element || n.root() != impl_->doc) return;
+  n.parent().remove_child(n);
+}
 
 namespace {
 
