@@ -3,6 +3,7 @@
 #include <cfloat>
 #include <charconv>
 #include <cmath>
+#include <type_traits>
 #include <cstdlib>
 #include <optional>
 
@@ -92,6 +93,15 @@ template <class T>
 std::string generalText(T v) {
   if (v == 0) return "0";
   char buffer[64];
+  // Whole doubles below 10^15 are exact and their shortest round trip is
+  // all their digits: printed as integers directly. (Not floats: those are
+  // spaced wider than 1 long before that.)
+  if constexpr (std::is_same_v<T, double>) {
+    if (std::trunc(v) == v && std::abs(v) < 1e15) {
+      const auto whole = std::to_chars(buffer, buffer + sizeof buffer, static_cast<long long>(v));
+      return std::string(buffer, whole.ptr);
+    }
+  }
   const auto result = std::to_chars(buffer, buffer + sizeof buffer, v, std::chars_format::scientific);
   std::string_view s(buffer, static_cast<size_t>(result.ptr - buffer));
   std::string out;

@@ -1,3 +1,5 @@
+// Functions: the address as key, CAN ids stored as Null when there are none,
+// and their XML form (value plus extended flag).
 #include <gtest/gtest.h>
 
 #include "kavrel/kavrel.h"
@@ -18,64 +20,44 @@ std::string describe(const FunctionItems& f) {
   return s;
 }
 
-class FunctionItemsDb : public ::testing::Test {
- protected:
-  int64_t count(const std::string& sql) { return conn->execute(sql)->field(0).toInt64(); }
+TEST(FunctionItemsDb, NullIdsUpdatesKeyRefusalAndAllOrNothingInsert) {
   test::TempDb tdb;
-  std::shared_ptr<db::Connection> conn = tdb.connection();
-};
-
-TEST_F(FunctionItemsDb, ReadSortsByNameAndMapsNullIdsToNone) {
+  auto conn = tdb.connection();
+  auto count = [&](const std::string& sql) { return conn->execute(sql)->field(0).toInt64(); };
   conn->execute("INSERT INTO [Fonctions] ([Address],[Function Name],[XId],[RId]) VALUES (88,'Freinage',1712,1680)");
-  conn->execute("INSERT INTO [Fonctions] ([Address],[Function Name]) VALUES (122,'Airbag')");
-  conn->execute("INSERT INTO [Fonctions] ([Address],[Function Name],[XId],[RId]) VALUES (123,'Moteur'," +
-                std::to_string(kExtendedId) + ",-1)");
-  FunctionItems f;
-  EXPECT_TRUE(f.DbRead(*conn));
-  EXPECT_EQ(describe(f), "Airbag 122 -1 -1;Freinage 88 1712 1680;Moteur 123 -1730481904 -1;");
-
-  conn->execute("DROP TABLE [Fonctions]");
-  EXPECT_THROW(f.DbRead(*conn), Error);  // a missing table reaches the caller
-}
-
-TEST_F(FunctionItemsDb, InsertStoresNoneAsNullAndUpdateRewritesTheRow) {
   FunctionItem f;
   f.setAddress(122);
   f.setFunctionName("Injection");
   f.dbInsert(*conn);
   EXPECT_EQ(count("SELECT COUNT(*) FROM [Fonctions] WHERE [XId] IS NULL AND [RId] IS NULL"), 1);
-
+  FunctionItems read;
+  EXPECT_TRUE(read.DbRead(*conn));  // sorted by name, Null ids read as none
+  EXPECT_EQ(describe(read), "Freinage 88 1712 1680;Injection 122 -1 -1;");
   f.setCanXId(kExtendedId);
   f.setCanRId(2024);
-  f.setFunctionName("Injection directe");
+  f.setFunctionName("Airbag");
   f.dbUpdate(*conn);
-  FunctionItems read;
-  read.DbRead(*conn);
-  EXPECT_EQ(describe(read), "Injection directe 122 -1730481904 2024;");
-
-  // An address without a row: nothing to rewrite, nothing added.
-  FunctionItem other;
+  FunctionItem other;  // an address without a row: nothing to rewrite, nothing added
   other.setAddress(7);
   other.dbUpdate(*conn);
-  EXPECT_EQ(count("SELECT COUNT(*) FROM [Fonctions]"), 1);
-
+  FunctionItems again;
+  again.DbRead(*conn);
+  EXPECT_EQ(describe(again), "Airbag 122 -1730481904 2024;Freinage 88 1712 1680;");
   // The same address again: the key refuses it; number and source kept.
   auto e = test::thrownBy<DbError>([&] { f.dbInsert(*conn); });
   EXPECT_EQ(e.description().rfind(" DbInsert Function Error : ", 0), 0u) << e.description();
   EXPECT_GT(e.description().size(), std::string(" DbInsert Function Error : ").size());
   EXPECT_NE(e.number(), 0);
-}
-
-TEST_F(FunctionItemsDb, InsertAllIsAllOrNothing) {
-  FunctionItems f;
-  f.Add(1, "Un");
-  f.Add(2, "Deux");
-  f.Add(1, "Encore un");  // duplicate key in the table
-  EXPECT_THROW(f.dbInsertAll(*conn), Error);
-  EXPECT_EQ(count("SELECT COUNT(*) FROM [Fonctions]"), 0);
-  f.Remove(3);
-  f.dbInsertAll(*conn);
+  FunctionItems all;
+  all.Add(1, "Un");
+  all.Add(88, "Encore");  // duplicate key in the table
+  EXPECT_THROW(all.dbInsertAll(*conn), Error);
   EXPECT_EQ(count("SELECT COUNT(*) FROM [Fonctions]"), 2);
+  all.Remove(2);
+  all.dbInsertAll(*conn);
+  EXPECT_EQ(count("SELECT COUNT(*) FROM [Fonctions]"), 3);
+  conn->execute("DROP TABLE [Fonctions]");
+  EXPECT_THROW(all.DbRead(*conn), Error);  // a missing table reaches the caller
 }
 
 TEST(FunctionItems, LookupsAreExactAndFirstMatch) {
@@ -90,9 +72,7 @@ TEST(FunctionItems, LookupsAreExactAndFirstMatch) {
   EXPECT_EQ(f.Item("key")->Address(), 12);
 }
 
-// ---- XML
-
-TEST(FunctionItemsXml, CanIdsAreWrittenAsValueAndExtendedFlagAndReadBack) {
+TEST(FunctionItemsXml, CanIdsAsValueAndExtendedFlagRoundTripAndBadEntries) {
   FunctionItems f;
   auto a = f.Add(123, "Moteur");
   a->setCanXId(kExtendedId);
@@ -105,30 +85,21 @@ TEST(FunctionItemsXml, CanIdsAreWrittenAsValueAndExtendedFlagAndReadBack) {
             "<Functions>\n<Function Name=\"Moteur\" Address=\"123\">\n<SendId>\n<CANId Value=\"417001744\" "
             "Extended=\"1\"/>\n</SendId>\n<ReceiveId>\n<CANId Value=\"2024\"/>\n</ReceiveId></Function>\n"
             "<Function Name=\"Freinage\" Address=\"88\"/>\n</Functions>\n");
-
-  xml::Document back;
-  ASSERT_TRUE(back.loadString(doc.toString()));
-  FunctionItems g;
-  clearLastError();
-  g.loadXml(back, back.documentElement());
+  auto load = [](const std::string& text) {
+    xml::Document in;
+    EXPECT_TRUE(in.loadString(text));
+    FunctionItems g;
+    g.loadXml(in, in.documentElement());
+    return describe(g);
+  };
+  EXPECT_EQ(load(doc.toString()), describe(f));
   EXPECT_FALSE(lastError().pending());
-  EXPECT_EQ(describe(g), describe(f));
-}
-
-TEST(FunctionItemsXml, MissingAttributesKeepDefaultsAndAnUnreadableNumberDropsTheEntry) {
-  xml::Document doc;
-  ASSERT_TRUE(doc.loadString("<Functions><Function Address=\"5\"/><Function Name=\"Sans adresse\"/></Functions>"));
-  FunctionItems f;
-  f.loadXml(doc, doc.documentElement());
+  // Missing attributes keep the defaults; an unreadable number drops its entry.
+  EXPECT_EQ(load("<Functions><Function Address=\"5\"/><Function Name=\"Sans adresse\"/></Functions>"),
+            " 5 -1 -1;Sans adresse 0 -1 -1;");
   EXPECT_FALSE(lastError().pending());
-  EXPECT_EQ(describe(f), " 5 -1 -1;Sans adresse 0 -1 -1;");
-
-  ASSERT_TRUE(doc.loadString(
-      "<Functions><Function Name=\"A\" Address=\"douze\"/><Function Name=\"B\" Address=\"12\"/></Functions>"));
-  FunctionItems g;
-  g.loadXml(doc, doc.documentElement());
-  EXPECT_EQ(describe(g), "B 12 -1 -1;");
-  ASSERT_TRUE(lastError().pending());
+  EXPECT_EQ(load("<Functions><Function Name=\"A\" Address=\"douze\"/><Function Name=\"B\" Address=\"12\"/></Functions>"),
+            "B 12 -1 -1;");
   EXPECT_EQ(lastError().number, kErrTypeMismatch);
   EXPECT_TRUE(test::contains(lastError().description, "douze"));
 }

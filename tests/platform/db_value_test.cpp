@@ -53,7 +53,6 @@ TEST(DbValue, RealsTextsAndBooleans) {
     EXPECT_EQ(in.toText(), out);
   EXPECT_TRUE(Value(int64_t{12}) == Value(12.0));
   EXPECT_FALSE(Value(int64_t{12}) == Value("12"));
-
   // Booleans are stored -1 / 0; any non-zero number is true.
   EXPECT_EQ(Value(true).rawInteger(), -1);
   EXPECT_EQ(Value(false).rawInteger(), 0);

@@ -1,3 +1,4 @@
+// Text conversions; the ASCII short cuts must agree with the general rules.
 #include "kavrel/platform/text.h"
 
 #include <gtest/gtest.h>
@@ -23,18 +24,19 @@ int32_t errorNumberOf(F&& f) {
 }
 
 TEST(TextConversions, IntegersRoundHalfToEvenAndCheckRange) {
-  for (auto [in, out] : {std::pair{"42", 42}, {"  -17 ", -17}, {"+8", 8}, {"2.5", 2}, {"3.5", 4}, {"-2.5", -2},
-                         {"2.51", 3}, {"2147483647", 2147483647}, {"-2147483648", INT32_MIN}})
+  for (auto [in, out] : {std::pair{"42", 42}, {"  -17 ", -17}, {" 12\t", 12}, {"+8", 8}, {"-0", 0}, {"2.5", 2},
+                         {"3.5", 4}, {"-2.5", -2}, {"2.51", 3}, {"1e3", 1000}, {"000000123", 123},
+                         {"0000000000012", 12}, {"999999999", 999999999}, {"-999999999", -999999999},
+                         {"2147483647", 2147483647}, {"-2147483648", INT32_MIN}})
     EXPECT_EQ(toInt(in), out) << in;
-  for (const char* bad : {"", "12a", "1,5", "-", "x"}) EXPECT_EQ(errorNumberOf([&] { toInt(bad); }), kErrTypeMismatch);
+  for (const char* bad : {"", " ", "12a", "1,5", "-", "+", "x", "1 2", "--1", "0x10", "١٢"})
+    EXPECT_EQ(errorNumberOf([&] { toInt(bad); }), kErrTypeMismatch) << bad;
   for (const char* big : {"2147483648", "2147483647.5", "1e400"})
-    EXPECT_EQ(errorNumberOf([&] { toInt(big); }), kErrOverflow);
-
+    EXPECT_EQ(errorNumberOf([&] { toInt(big); }), kErrOverflow) << big;
   // The comma is a decimal point for toRoundedInt only.
   for (auto [in, out] : {std::pair{"10,6", 11}, {"2,5", 2}, {"3,5", 4}, {" 10", 10}, {"2.5", 2}})
     EXPECT_EQ(toRoundedInt(in), out) << in;
   EXPECT_EQ(errorNumberOf([] { toRoundedInt("ten"); }), kErrTypeMismatch);
-
   for (const char* yes : {"1", "-1", "True", "TRUE"}) EXPECT_TRUE(toBool(yes)) << yes;
   for (const char* no : {"0", "false"}) EXPECT_FALSE(toBool(no)) << no;
   for (const char* bad : {"yes", ""}) EXPECT_EQ(errorNumberOf([&] { toBool(bad); }), kErrTypeMismatch);
@@ -64,21 +66,26 @@ TEST(TextNumbers, NumberToTextPutsABlankBeforeNonNegativesAndDecimalTextIsShorte
 TEST(TextCharacters, CountCodePointsNotBytesAndMapLatin1Case) {
   const std::string s = "Élan€x";  // É: 2 bytes, €: 3 bytes
   EXPECT_EQ(length(s), 6u);
+  EXPECT_EQ(length("plain ascii"), 11u);
+  EXPECT_EQ(length("ascii then é€"), 13u);
+  EXPECT_EQ(length(std::string("\xFF\xFEz", 3)), 3u);  // a malformed byte counts as one
   EXPECT_EQ(left(s, 1), "É");
   EXPECT_EQ(left(s, 5), "Élan€");
   EXPECT_EQ(left(s, 99), s);
   EXPECT_EQ(right(s, 2), "€x");
   EXPECT_EQ(right(s, 99), s);
   EXPECT_EQ(right(s, 0), "");
-  EXPECT_EQ(length("a\xFF" "b"), 3u);  // a malformed byte counts as one
   EXPECT_EQ(trim("  a b  "), "a b");
   EXPECT_EQ(trim("\ta "), "\ta");
-
+  EXPECT_EQ(lower("Data 001 ABC xyz"), "data 001 abc xyz");
   EXPECT_EQ(lower("ÉCRAN Ÿ×"), "écran Ÿ×");
-  EXPECT_EQ(upper("écran ÿ÷ß"), "ÉCRAN ÿ÷ß");
+  EXPECT_EQ(upper("écran ÿ÷ß a"), "ÉCRAN ÿ÷ß A");
+  EXPECT_EQ(lower(std::string("A\xFF" "B", 3)), std::string("a\xFF" "b", 3));  // malformed byte kept
+  EXPECT_TRUE(iequals("Engine SPEED", "engine speed"));
   EXPECT_TRUE(iequals("Données", "DONNÉES"));
   EXPECT_FALSE(iequals("Donnee", "Données"));
   EXPECT_FALSE(iequals("abc", "ab"));
+  EXPECT_FALSE(iequals("a\xC3", "a\xE3"));
 }
 
 TEST(TextCharacters, ReplaceAllAndHex) {

@@ -1,22 +1,18 @@
 // Value lists: lookups, row identity (data, value and both flags) and XML.
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "kavrel/kavrel.h"
 #include "support/request_fixture.h"
 
 namespace kavrel {
 namespace {
 
-TEST(DataListeItems, Lookups) {
+TEST(DataListeItems, LookupsAndChangeMarks) {
   DataListeItems list;
-  EXPECT_EQ(list.ValueMax(), 0);
   auto a = list.Add(-5);
-  EXPECT_EQ(list.ValueMax(), 0);
+  EXPECT_EQ(list.ValueMax(), 0);  // never below 0
   auto b = list.Add(7);
   auto c = list.Add(7);
-  a->setLibelle("Arrêt");
   b->setLibelle("marche");
   c->setLibelle("Marche");
   EXPECT_EQ(list.ValueMax(), 7);
@@ -24,64 +20,46 @@ TEST(DataListeItems, Lookups) {
   EXPECT_EQ(list.ItemValue(8), nullptr);
   EXPECT_EQ(list.ItemLabel("Marche"), c);
   EXPECT_EQ(list.ItemLabel("MARCHE"), nullptr);
-
   list.RemoveItem(c);  // the first entry of that value goes
   ASSERT_EQ(list.Count(), 2);
   EXPECT_EQ(list.Item(2), c);
-
   EXPECT_TRUE(list.ValueChanged());
   list.setValueChanged(false);
-  EXPECT_FALSE(a->ValueChanged());
-  EXPECT_FALSE(list.ValueChanged());
+  EXPECT_FALSE(a->ValueChanged() || list.ValueChanged());
   a->setInfo(a->Info());  // writing the same value still marks the entry
   EXPECT_TRUE(list.ValueChanged());
 }
 
-// A stored listed data item "Etat".
-class ListDb : public ::testing::Test {
- protected:
-  std::shared_ptr<DataListeItem> entry(int32_t v, const std::string& label) {
+TEST(DataListeItemsDb, RowsFollowTheirFourColumnIdentity) {
+  test::StoredTarget t;
+  db::Connection& conn = t.conn();
+  auto data = t.addData("Etat", false);
+  data->setListe(true);
+  data->dbInsert(conn);
+  auto entry = [&](int32_t v, const std::string& label) {
     auto e = data->DataListes()->Add(v);
     e->setParent(data);
     e->setLibelle(label);
     return e;
-  }
-  int64_t rows(const std::string& where = "") { return t.count("SELECT count(*) FROM Listes" + where); }
-  std::string label(int32_t v) {
-    return t.value("SELECT Libellé FROM Listes WHERE Valeur=" + std::to_string(v)).toText();
-  }
-
-  test::StoredTarget t;
-  std::shared_ptr<DataItem> data = [this] {
-    auto d = t.addData("Etat", false);
-    d->setListe(true);
-    d->dbInsert(t.conn());
-    return d;
-  }();
-  db::Connection& conn = t.conn();
-};
-
-TEST_F(ListDb, RowsFollowTheirFourColumnIdentity) {
+  };
+  auto rows = [&](const std::string& where) { return t.count("SELECT count(*) FROM Listes" + where); };
+  auto label = [&](int32_t v) { return t.value("SELECT Libellé FROM Listes WHERE Valeur=" + std::to_string(v)).toText(); };
   auto one = entry(1, std::string(85, 'L'));
   auto two = entry(2, "deux");
   data->DataListes()->DbInsertAll(conn);
   EXPECT_EQ(label(1), std::string(80, 'L'));
   EXPECT_FALSE(one->ValueChanged());
-  const std::string flags = " WHERE Numérique=-1 AND Liste=-1";
-  EXPECT_EQ(rows(flags), 2);
-
-  // Unchanged: nothing is written, even if the row differs.
+  EXPECT_EQ(rows(" WHERE Numérique=-1 AND Liste=-1"), 2);
+  // Unchanged: nothing is written, even if the row differs; changed and its
+  // row gone: inserted.
   conn.execute("UPDATE Listes SET Libellé='autre' WHERE Valeur=2");
   two->dbUpdate(conn);
   EXPECT_EQ(label(2), "autre");
-
-  // Changed and its row gone: inserted.
   conn.execute("DELETE FROM Listes WHERE Valeur=2");
   two->setLibelle("deux bis");
   two->dbUpdate(conn);
   EXPECT_EQ(label(2), "deux bis");
   EXPECT_FALSE(two->ValueChanged());
-
   // Read back in value order with the item's flags.
   entry(0, "zéro")->dbInsert(conn);
   DataListeItems read;
@@ -91,7 +69,6 @@ TEST_F(ListDb, RowsFollowTheirFourColumnIdentity) {
   EXPECT_EQ(read.Item(3)->libelle(), "deux bis");
   EXPECT_FALSE(read.Item(1)->ValueChanged());
   EXPECT_EQ(read.Item(1)->parent(), data);
-
   // Other flags: the stored rows are out of reach of update and delete...
   data->setNumerique(false);
   two->setLibelle("changé");
@@ -102,16 +79,14 @@ TEST_F(ListDb, RowsFollowTheirFourColumnIdentity) {
   DataListeItems none;
   none.DbRead(conn, data);
   EXPECT_EQ(none.Count(), 1);
-
   // ... but not of dbDeleteAll.
   data->DataListes()->dbDeleteAll(conn, data);
-  EXPECT_EQ(rows(), 0);
-
+  EXPECT_EQ(rows(""), 0);
   data->setNumerique(true);
   auto three = entry(3, "trois");
   three->dbInsert(conn);
   three->dbDelete(conn);
-  EXPECT_EQ(rows(), 0);
+  EXPECT_EQ(rows(""), 0);
 }
 
 TEST(DataListeItemsXml, WritesInfoAsCDataAndKeepsBadEntries) {
@@ -121,11 +96,9 @@ TEST(DataListeItemsXml, WritesInfoAsCDataAndKeepsBadEntries) {
   e->setInfo("info");
   list.Add(4);
   xml::Document doc;
-  auto node = doc.appendElement("List");
-  list.createXMLnode(doc, node);
+  list.createXMLnode(doc, doc.appendElement("List"));
   EXPECT_EQ(doc.toString(), "<List>\n<Item Value=\"3\" Text=\"trois &amp; plus\"><![CDATA[info]]></Item>\n"
                             "<Item Value=\"4\" Text=\"\"/></List>\n");
-
   xml::Document in;
   ASSERT_TRUE(in.loadString("<List><Item Value=\"5\">  texte  </Item><Item Text=\"x\" Value=\"abc\"/></List>"));
   auto owner = std::make_shared<DataItem>();

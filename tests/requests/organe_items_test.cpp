@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "kavrel/kavrel.h"
 #include "support/checks.h"
 #include "support/request_fixture.h"
@@ -29,10 +27,7 @@ class OrganeDbTest : public ::testing::Test {
     t.addData("Speed");
     t.addData("Temp d'eau");
     for (const char* r : {"FF1", "FF2"}) t.addRequest(r)->dbInsert(t.conn());
-    defaultHost()->clear();
-    clearLastError();
   }
-
   // Organ "Injecteur" (type 3, codes, freeze frame, two data) and "Capteur"
   // (all defaults), in a collection owned by the target.
   std::shared_ptr<OrganeItems> twoOrgans() {
@@ -52,23 +47,20 @@ class OrganeDbTest : public ::testing::Test {
     organes->Add(0, "Capteur", "", 0, 0)->setParent(target);
     return organes;
   }
-
   test::StoredTarget t;
   std::shared_ptr<TargetItem> target = t.target;
   db::Connection& conn = t.conn();
 };
 
-TEST_F(OrganeDbTest, BulkInsertThenReadAllKeepsOrgansLinksAndDeviceData) {
+TEST_F(OrganeDbTest, BulkInsertReadAllAndRename) {
   auto session = KavrelDatabase::create();
   session->setTypeOrganes(std::make_shared<TypeOrganeItems>());
   session->typeOrganes()->Add(3, "Actionneur");
   target->setParent(session);
-
   auto organes = twoOrgans();
   organes->DbInsertAll(conn, target->Address(), target->targetid());
   EXPECT_NE(organes->Item(1)->id(), 0);
   EXPECT_EQ(t.count("SELECT COUNT(*) FROM Lien_Données_ds_Organe"), 2);
-
   // Ordered by name; type 1 is not in the catalogue; the device data take
   // the linked data's own spelling.
   auto read = std::make_shared<OrganeItems>();
@@ -83,31 +75,20 @@ TEST_F(OrganeDbTest, BulkInsertThenReadAllKeepsOrgansLinksAndDeviceData) {
   EXPECT_EQ(inj->id(), organes->Item(1)->id());
   EXPECT_EQ(inj->request(), target->Requests()->ItemName("FF1"));
   EXPECT_EQ(inj->DeviceDatas()->ItemName("Speed")->Data(), target->datas()->ItemName("Speed"));
-
   // The plain read takes neither the freeze-frame link nor the device data.
   auto plain = std::make_shared<OrganeItems>();
   plain->DbRead(conn, target);
   ASSERT_EQ(plain->Count(), 2);
   EXPECT_EQ(plain->Item(2)->OrganeTypeName(), "Actionneur");
   EXPECT_EQ(plain->Item(2)->requestName(), "");
-}
-
-TEST_F(OrganeDbTest, RenameRefusalsAndSuccess) {
-  auto organes = twoOrgans();
-  organes->DbInsertAll(conn, target->Address(), target->targetid());
-  auto cap = organes->ItemName("Capteur");
-  auto inj = organes->ItemName("Injecteur");
-
-  cap->dbRename(conn, "Injecteur");
+  // Renames: refused onto another organ's name; the links follow a new name.
+  organes->ItemName("Capteur")->dbRename(conn, "Injecteur");
   EXPECT_TRUE(test::recorded(2, "Duplicate device name"));
-  EXPECT_EQ(cap->organeName(), "Capteur");
-
-  inj->dbRename(conn, "Injecteur n'2");
+  EXPECT_EQ(organes->Item(2)->organeName(), "Capteur");
+  organes->Item(1)->dbRename(conn, "Injecteur n'2");
   EXPECT_FALSE(lastError().pending());
-  EXPECT_EQ(inj->organeName(), "Injecteur n'2");
-  // The links follow the organ's new name.
+  EXPECT_EQ(organes->Item(1)->organeName(), "Injecteur n'2");
   EXPECT_EQ(t.count("SELECT COUNT(*) FROM Lien_Données_ds_Organe WHERE [Organe Name]='Injecteur n''2'"), 2);
-
   auto ghost = organes->Add(9999, "Ghost", "", 0, 0);
   EXPECT_THROW(ghost->dbRename(conn, "X"), Error);  // no parent: thrown
   ghost->setParent(target);
@@ -122,40 +103,30 @@ TEST_F(OrganeDbTest, BulkInsertCutsNameAndMnemonic) {
   auto c = organes->Add(0, repeat("ô", 75), "", 0, 0);
   auto twin = organes->Add(0, "A", "", 0, 0);  // refused: logged, the others stay
   organes->DbInsertAll(conn, target->Address(), target->targetid());
-  EXPECT_EQ(t.count("SELECT COUNT(*) FROM Organes"), 3);
   EXPECT_EQ(twin->id(), 0);
   ASSERT_EQ(defaultHost()->events().size(), 1u);
   EXPECT_EQ(defaultHost()->events()[0].eventType, EventType::Error);
-
   auto boxes = defaultHost()->messageBoxes();
   ASSERT_EQ(boxes.size(), 2u);
   EXPECT_EQ(boxes[0].text, "Mnemonique de l'organe trop long, tronqué à 50 caractères");
   EXPECT_EQ(boxes[1].text, "Nom de l'organe trop long, tronqué à 70 caractères");
   EXPECT_EQ(boxes[1].icon, MessageIcon::Exclamation);
-
-  auto mnemo = [&](const std::string& name) {
-    return t.value("SELECT Mnemonique FROM Organes WHERE [Organe Name]=" + db::sql::quote(name)).toText();
-  };
-  EXPECT_EQ(mnemo("A"), repeat("é", 50));  // 60 characters: cut without a box
-  EXPECT_EQ(mnemo("B"), repeat("m", 50));
-  EXPECT_EQ(t.count("SELECT COUNT(*) FROM Organes WHERE IFNULL(Mnemonique, '')='' AND [Organe Name]=" +
-                    db::sql::quote(repeat("ô", 70))),
-            1);
+  // 60 characters are cut without a box.
+  EXPECT_EQ(t.value("SELECT group_concat([Organe Name] || '=' || ifnull(Mnemonique, ''), ';') FROM Organes").toText(),
+            "A=" + repeat("é", 50) + ";B=" + repeat("m", 50) + ";" + repeat("ô", 70) + "=");
   EXPECT_EQ(c->organeName(), repeat("ô", 70));
 }
 
-TEST_F(OrganeDbTest, SingleRowAndRequestLinkOperations) {
+TEST_F(OrganeDbTest, SingleRowRequestLinkAndDeviceDataOperations) {
   OrganeItems organes;
   auto o = organes.Add(0, "Pompe", "P", 0, 0);
   EXPECT_THROW(o->dbInsert(conn), Error);
   o->setParent(target);
   o->dbInsert(conn);
   ASSERT_NE(o->id(), 0);
-
   o->setOrganeDTC(77);
   o->dbUpdate(conn);
   EXPECT_EQ(t.count("SELECT DTC FROM Organes WHERE [Organe Id]=" + std::to_string(o->id())), 77);
-
   o->setRequestName("FF1");
   o->dbInsertRequest(conn);
   o->setRequestName("FF2");
@@ -165,55 +136,41 @@ TEST_F(OrganeDbTest, SingleRowAndRequestLinkOperations) {
   EXPECT_EQ(o->requestName(), "FF2");
   EXPECT_EQ(o->request(), target->Requests()->ItemName("FF2"));
   EXPECT_EQ(t.count("SELECT COUNT(*) FROM [Lien_DTC_ReqContext]"), 1);
-
-  o->dbDelete(conn);
-  EXPECT_EQ(t.count("SELECT COUNT(*) FROM Organes"), 0);
-  EXPECT_EQ(t.count("SELECT COUNT(*) FROM [Lien_DTC_ReqContext]"), 0);
-}
-
-TEST_F(OrganeDbTest, DeviceDataRowOperations) {
-  OrganeItems organes;
-  auto o = organes.Add(0, "Pompe", "", 0, 0);
-  o->setParent(target);
-  o->dbInsert(conn);
   DeviceDataItems datas;
   auto d = datas.Add();
   d->setParent(o);
   d->setDataname("Temp d'eau");
   ASSERT_NE(d->Data(), nullptr);
-
   d->dbInsert(conn);
   EXPECT_FALSE(lastError().pending());
   d->dbInsert(conn);
   EXPECT_TRUE(test::recorded(1, "Data already exist : enabled to add this data"));
-
   d->setFlagPanne(true);
   d->dbUpdate(conn);
   EXPECT_FALSE(lastError().pending());
   EXPECT_EQ(t.count("SELECT [Flag Panne] FROM Lien_Données_ds_Organe"), -1);
-
   d->dbDelete(conn);
   EXPECT_FALSE(lastError().pending());
   EXPECT_EQ(t.count("SELECT COUNT(*) FROM Lien_Données_ds_Organe"), 0);
   d->dbUpdate(conn);
   EXPECT_TRUE(test::recorded(1, "device data not found, impossible to update it."));
-
   // A name the target does not know is kept as it is.
   auto unknown = datas.Add();
   unknown->setParent(o);
   unknown->setDataname("Nowhere");
   EXPECT_EQ(unknown->Data(), nullptr);
   EXPECT_EQ(unknown->dataname(), "Nowhere");
+  o->dbDelete(conn);
+  EXPECT_EQ(t.count("SELECT COUNT(*) FROM Organes") + t.count("SELECT COUNT(*) FROM [Lien_DTC_ReqContext]"), 0);
 }
 
 // ------------------------------------------------------------------- XML
 
-TEST_F(OrganeDbTest, XmlRoundTripLinksRequestAndData) {
+TEST_F(OrganeDbTest, XmlRoundTripLinksRequestAndDataAndLoadingReportsMissingNames) {
   auto organes = twoOrgans();
   xml::Document doc;
   organes->createXMLnode(doc, doc.appendElement("xml").appendElement("Devices"));
   EXPECT_TRUE(test::contains(doc.toString(), "<Device Name=\"Capteur\"/>"));  // defaults are left out
-
   xml::Document back;
   ASSERT_TRUE(back.loadString(doc.toString()));
   OrganeItems loaded;
@@ -225,20 +182,16 @@ TEST_F(OrganeDbTest, XmlRoundTripLinksRequestAndData) {
   EXPECT_EQ(inj->request(), target->Requests()->ItemName("FF1"));
   EXPECT_EQ(inj->DeviceDatas()->Item(1)->Data(), target->datas()->ItemName("Speed"));
   EXPECT_EQ(describe(*loaded.Item(2)), "Capteur||1|0|0|");
-}
-
-TEST_F(OrganeDbTest, XmlLoadReportsMissingNameAndCutsLongDataName) {
   const std::string longName = repeat("d", 71);
-  xml::Document doc;
-  ASSERT_TRUE(doc.loadString("<Devices><Device DTC=\"5\"/><Device Name=\"X\"><DeviceData Name=\"" + longName +
-                             "\"/></Device></Devices>"));
-  OrganeItems loaded;
-  loaded.loadXml(doc, doc.documentElement(), target);
+  ASSERT_TRUE(back.loadString("<Devices><Device DTC=\"5\"/><Device Name=\"X\"><DeviceData Name=\"" + longName +
+                              "\"/></Device></Devices>"));
+  OrganeItems bad;
+  bad.loadXml(back, back.documentElement(), target);
   EXPECT_TRUE(test::recorded(100, "OrganeItem.loadXml error : Device Name not defined"));
-  ASSERT_EQ(loaded.Count(), 2);
-  EXPECT_EQ(loaded.Item(1)->OrganeDTC(), 5);
+  ASSERT_EQ(bad.Count(), 2);
+  EXPECT_EQ(bad.Item(1)->OrganeDTC(), 5);
   EXPECT_TRUE(test::longNameBoxShown(longName));
-  EXPECT_EQ(loaded.Item(2)->DeviceDatas()->Item(1)->dataname(), repeat("d", 70));
+  EXPECT_EQ(bad.Item(2)->DeviceDatas()->Item(1)->dataname(), repeat("d", 70));
 }
 
 }  // namespace

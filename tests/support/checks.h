@@ -12,7 +12,6 @@
 #include <cstdint>
 #include <fstream>
 #include <iterator>
-#include <string>
 #include <string_view>
 #include <type_traits>
 

@@ -4,41 +4,56 @@
 //   kavrel::test::OlderLayoutDb old;   // file in its own temporary folder, connection open
 //   old.conn->execute("INSERT INTO Cibles (Address, [Target Name]) VALUES (122, 'ABS')");
 //
-// The tables are those of olderLayoutStatements() and hold no rows but the
-// [system] version row "3". As in databases of that era there are no
-// relations; autonumbers are INTEGER PRIMARY KEY AUTOINCREMENT and booleans
-// -1 / 0. Données holds one row per placement of a data item in a request
-// (Start, Length, Masque, NumBitFort, NumBitFaible), so a [Data Name] may
-// repeat; Cibles has no Langue / [Référence], Fonctions no XId / RId,
-// [Paramètres UCE] no failure type, Reprogrammable or date. Identification,
-// the organ and screen tables, [Type Organe], [Type Panne], [Appartenance
-// cible], [Emplacement Donnée] and Donnée_Ref are absent (no reader of that
-// layout needs them).
+// The tables hold no rows but the [system] version row "3". As in databases
+// of that era there are no relations; autonumbers are INTEGER PRIMARY KEY
+// AUTOINCREMENT and booleans -1 / 0. Données holds one row per placement of a
+// data item in a request (Start, Length, Masque, NumBitFort, NumBitFaible),
+// so a [Data Name] may repeat; Cibles has no Langue / [Référence], Fonctions
+// no XId / RId, [Paramètres UCE] no failure type, Reprogrammable or date.
+// Identification, the organ and screen tables, [Type Organe], [Type Panne],
+// [Appartenance cible], [Emplacement Donnée] and Donnée_Ref are absent (no
+// reader of that layout needs them).
 #pragma once
 
-#include <memory>
-#include <string>
-#include <string_view>
-#include <vector>
+#include <fstream>
 
 #include "kavrel/platform/db.h"
 #include "support/temp_db.h"
 
 namespace kavrel::test {
 
-// Creates the database file at `path` (which must not exist yet). Throws
-// (kavrel::Error or std::runtime_error) on failure.
-void createOlderLayoutDb(const std::string& path);
-
-// The CREATE TABLE / INSERT statements used, one statement per entry.
-const std::vector<std::string_view>& olderLayoutStatements();
-
-// A fresh older-layout file ("old.sqlite" in its own folder) and a connection
-// on it, closed at the end.
 struct OlderLayoutDb {
   OlderLayoutDb() {
-    createOlderLayoutDb(path);
+    // An empty file is an empty database for the engine; the connection
+    // then creates the tables through the ordinary interface.
+    std::ofstream(path, std::ios::binary).flush();
     conn = db::openConnection(path);
+    db::Transaction tx(*conn);
+    for (const char* statement : {
+             "CREATE TABLE [system] ([parameter] TEXT NOT NULL PRIMARY KEY, [value] TEXT)",
+             "INSERT INTO [system] ([parameter], [value]) VALUES ('version', '3')",
+             "CREATE TABLE [Fonctions] ([Address] INTEGER PRIMARY KEY, [Function Name] TEXT)",
+             "CREATE TABLE [Protocoles] ([Protocol Name] TEXT NOT NULL PRIMARY KEY, [Init mode] INTEGER, "
+             "[Multipoint] INTEGER)",
+             "CREATE TABLE Cibles ([Target Id] INTEGER PRIMARY KEY AUTOINCREMENT, Address INTEGER, [Target Name] TEXT)",
+             "CREATE TABLE [Paramètres UCE] ([Ecu Id] INTEGER PRIMARY KEY, Comment TEXT, [Init Mode] INTEGER, "
+             "Multipoint INTEGER, Key1 INTEGER, Key2 INTEGER, [Baud Rate] INTEGER, InterByteDelay INTEGER, "
+             "KW2Delay INTEGER, FirstRequestDelay INTEGER, ReplyToRequestDelay INTEGER, TesterPresentDelay INTEGER, "
+             "KW2Timeout INTEGER, RequestToReplyTimeout INTEGER, ErrorDelay INTEGER, [Little Endian] INTEGER)",
+             "CREATE TABLE Requêtes ([Request Id] INTEGER PRIMARY KEY AUTOINCREMENT, Address INTEGER, "
+             "[Target Id] INTEGER, [Request Name] TEXT, [Request Bytes] TEXT, [Length Datas] INTEGER, "
+             "[Manual Send] INTEGER, LgVariable INTEGER)",
+             "CREATE TABLE Données ([Data Id] INTEGER PRIMARY KEY AUTOINCREMENT, Address INTEGER, [Target Id] INTEGER, "
+             "[Request Id] INTEGER, [Data Name] TEXT, Numérique INTEGER, Liste INTEGER, Param INTEGER, Start INTEGER, "
+             "Length INTEGER, Masque INTEGER, NumBitFort INTEGER, NumBitFaible INTEGER, Unité TEXT, Signé INTEGER, "
+             "CoeffA REAL, CoeffB REAL, CoeffC REAL, Format TEXT, Ascii INTEGER, [Little Endian] INTEGER, "
+             "StartBit INTEGER, NumberBits INTEGER, Mnemo TEXT, Description TEXT)",
+             "CREATE INDEX [Données by target] ON Données ([Target Id], [Data Name])",
+             "CREATE TABLE [Fiches Diag] ([Data Id] INTEGER PRIMARY KEY, Fiche TEXT)",
+             "CREATE TABLE Listes ([Data Id] INTEGER, Valeur INTEGER, Numérique INTEGER, Liste INTEGER, "
+             "Libellé TEXT, Info TEXT)"})
+      conn->execute(statement);
+    tx.commit();
   }
   ~OlderLayoutDb() { conn->close(); }
   TempDir dir;

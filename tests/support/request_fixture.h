@@ -8,19 +8,10 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
-#include <string>
 
 #include <gtest/gtest.h>
 
-#include "kavrel/platform/db.h"
-#include "kavrel/platform/frame.h"
-#include "kavrel/platform/host.h"
-#include "kavrel/requests/data_items.h"
-#include "kavrel/requests/data_position_items.h"
-#include "kavrel/requests/request_items.h"
-#include "kavrel/target/target_item.h"
-#include "kavrel/target/target_param_item.h"
+#include "kavrel/kavrel.h"
 #include "support/temp_db.h"
 
 namespace kavrel::test {
@@ -28,15 +19,13 @@ namespace kavrel::test {
 class StoredTarget {
  public:
   explicit StoredTarget(int32_t address = 122, const std::string& name = "ABS") {
-    conn_ = db_.connection();
-    conn_->execute("INSERT INTO Fonctions (Address, [Function Name]) VALUES (" + std::to_string(address) +
+    conn().execute("INSERT INTO Fonctions (Address, [Function Name]) VALUES (" + std::to_string(address) +
                    ", 'Freinage')");
     target = newTarget(address, name);
   }
-
   // Another target of the same database (its own Cibles row).
   std::shared_ptr<TargetItem> newTarget(int32_t address, const std::string& name) {
-    conn_->execute("INSERT INTO Cibles (Address, [Target Name], Langue, [Référence]) VALUES (" +
+    conn().execute("INSERT INTO Cibles (Address, [Target Name], Langue, [Référence]) VALUES (" +
                    std::to_string(address) + ", " + db::sql::quote(name) + ", 'Français', -1)");
     auto t = TargetItem::create();
     t->setAddress(address);
@@ -46,21 +35,16 @@ class StoredTarget {
     t->setRequests(std::make_shared<RequestItems>());
     return t;
   }
-
-  db::Connection& conn() { return *conn_; }
-  std::shared_ptr<db::Connection> connection() { return conn_; }
-  const std::string& path() const { return db_.path(); }
+  db::Connection& conn() { return *db_.connection(); }
   std::string tid() const { return std::to_string(target->targetid()); }
-
   // A data item of the target, stored in Données unless told otherwise.
   std::shared_ptr<DataItem> addData(const std::string& name, bool store = true) {
     auto d = target->datas()->Add(0);
     d->setParent(target);
     d->setDataname(name);
-    if (store) d->dbInsert(*conn_);
+    if (store) d->dbInsert(conn());
     return d;
   }
-
   // A request of the target (in memory only).
   std::shared_ptr<RequestItem> addRequest(const std::string& name) {
     auto r = target->Requests()->Add(0);
@@ -68,47 +52,35 @@ class StoredTarget {
     r->setRequestName(name);
     return r;
   }
-
   // The first field of the first row (Null when there is none).
   db::Value value(const std::string& sql) {
-    auto rs = conn_->execute(sql);
-    db::Value v = rs->eof() ? db::Value() : rs->field(0);
-    rs->close();
-    return v;
+    auto rs = conn().execute(sql);
+    return rs->eof() ? db::Value() : rs->field(0);
   }
   int64_t count(const std::string& sql) {
     auto v = value(sql);
     return v.isNull() ? 0 : v.toInt64();
   }
-
-  // A category, a screen and a display of the target; returns the display id.
-  int64_t addDisplay() {
-    if (screenId_ == 0) {
-      conn_->execute("INSERT INTO Catégories ([Target Id], [Category Name]) VALUES (" + tid() + ", 'Mesures')");
-      conn_->execute("INSERT INTO Ecrans ([Target Id], [Category Id], [Screen Name]) VALUES (" + tid() +
-                     ", (SELECT max([Category Id]) FROM Catégories), 'Ecran')");
-      screenId_ = count("SELECT max([Screen Id]) FROM Ecrans");
-    }
-    conn_->execute("INSERT INTO Affichages ([Target Id], [Screen Id], [Type Affich]) VALUES (" + tid() + ", " +
-                   std::to_string(screenId_) + ", 3)");
-    return count("SELECT max([Display Id]) FROM Affichages");
-  }
-
-  // A display showing the stored position (request, data).
+  // A category, a screen and a display of the target showing the stored
+  // position (request, data); returns the display id.
   int64_t addDisplayOf(const std::string& request, const std::string& data) {
-    int64_t id = addDisplay();
-    conn_->execute("INSERT INTO Données_Aff ([Target Id], [Display Id], [Type Affich], [Data Name], [Request Name]) "
+    if (count("SELECT count(*) FROM Ecrans") == 0) {
+      conn().execute("INSERT INTO Catégories ([Target Id], [Category Name]) VALUES (" + tid() + ", 'Mesures')");
+      conn().execute("INSERT INTO Ecrans ([Target Id], [Category Id], [Screen Name]) VALUES (" + tid() +
+                     ", (SELECT max([Category Id]) FROM Catégories), 'Ecran')");
+    }
+    const std::string screen = "(SELECT max([Screen Id]) FROM Ecrans)";
+    conn().execute("INSERT INTO Affichages ([Target Id], [Screen Id], [Type Affich]) VALUES (" + tid() + ", " +
+                   screen + ", 3)");
+    const int64_t id = count("SELECT max([Display Id]) FROM Affichages");
+    conn().execute("INSERT INTO Données_Aff ([Target Id], [Display Id], [Type Affich], [Data Name], [Request Name]) "
                    "VALUES (" + tid() + ", " + std::to_string(id) + ", 3, " + db::sql::quote(data) + ", " +
                    db::sql::quote(request) + ")");
     return id;
   }
-
   std::shared_ptr<TargetItem> target;
-
  private:
   TempDb db_;
-  std::shared_ptr<db::Connection> conn_;
-  int64_t screenId_ = 0;
 };
 
 // The stored properties of a request, and of a data position, on one line.
@@ -127,6 +99,21 @@ inline std::string describe(const RequestItem& r) {
 inline std::string describe(const DataPositionItem& p) {
   return p.dataname() + "|" + std::to_string(p.StartOctet()) + "|" + std::to_string(p.StartBit()) + "|" +
          std::to_string(p.LittleEndian()) + std::to_string(p.param()) + std::to_string(p.reference());
+}
+
+// A position of `r` showing the data named `data`.
+inline std::shared_ptr<DataPositionItem> addPosition(const std::shared_ptr<RequestItem>& r, const std::string& data,
+                                                     int32_t octet = 1, int32_t bit = 0, bool little = false,
+                                                     bool param = false, bool ref = false) {
+  auto p = r->DataPositions()->Add();
+  p->setParent(r);
+  p->setDataname(data);
+  p->setStartOctet(octet);
+  p->setStartBit(bit);
+  p->setLittleEndian(little);
+  p->setParam(param);
+  p->setReference(ref);
+  return p;
 }
 
 // The one message box an import shows for a data name over 70 characters.

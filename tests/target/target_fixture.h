@@ -2,9 +2,6 @@
 // protocols and failure types, for the target tests.
 #pragma once
 
-#include <memory>
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "kavrel/kavrel.h"
@@ -32,12 +29,10 @@ class SessionDb {
     session->DbRead();
     clearLastError();
   }
-
   int64_t count(const std::string& sqlCount) {
     auto rs = conn->execute(sqlCount);
     return rs->field(0).toInt64();
   }
-
   TempDb db;
   std::shared_ptr<db::Connection> conn;
   std::shared_ptr<KavrelDatabase> session;

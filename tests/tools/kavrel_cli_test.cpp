@@ -7,8 +7,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "support/checks.h"
 #include "support/temp_db.h"
@@ -21,6 +19,8 @@ using kavrel::test::readBytes;
 using kavrel::test::writeBytes;
 
 std::string sourceFile(const std::string& relative) { return std::string(KAVREL_SOURCE_DIR) + "/" + relative; }
+const std::string kKline = sourceFile("examples/kline_target.xml");
+const std::string kCan = sourceFile("examples/can_target.xml");
 
 std::string shellQuote(const std::string& s) {
   std::string out = "'";
@@ -28,10 +28,17 @@ std::string shellQuote(const std::string& s) {
   return out + "'";
 }
 
+// The tab-separated fields of a line.
+std::vector<std::string> fields(const std::string& line) {
+  std::vector<std::string> f;
+  std::istringstream in(line);
+  for (std::string s; std::getline(in, s, '\t');) f.push_back(s);
+  return f;
+}
+
 struct Outcome {
   int status = -1;
-  std::string out;
-  std::string err;
+  std::string out, err;
 };
 
 class KavrelCli : public ::testing::Test {
@@ -39,35 +46,32 @@ class KavrelCli : public ::testing::Test {
   void SetUp() override {
     // The tool is built next to this test binary unless told otherwise.
     const char* bin = std::getenv("KAVREL_BIN_DIR");
-    const fs::path folder = bin && *bin ? fs::path(bin) : fs::read_symlink("/proc/self/exe").parent_path();
-    binary_ = folder / "kavrel";
+    binary_ = (bin && *bin ? fs::path(bin) : fs::read_symlink("/proc/self/exe").parent_path()) / "kavrel";
     ASSERT_TRUE(fs::exists(binary_)) << binary_;
-    db_ = file("defs.sqlite");
   }
-
   std::string file(const std::string& name) const { return dir_.file(name); }
-
   Outcome run(const std::vector<std::string>& args) {
     std::string cmd = "cd " + shellQuote(dir_.path().string()) + " && " + shellQuote(binary_.string());
     for (const auto& a : args) cmd += " " + shellQuote(a);
     cmd += " >" + shellQuote(file("stdout.txt")) + " 2>" + shellQuote(file("stderr.txt"));
     const int raw = std::system(cmd.c_str());
-    Outcome r;
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    r.out = readBytes(file("stdout.txt"));
-    r.err = readBytes(file("stderr.txt"));
-    return r;
+    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, readBytes(file("stdout.txt")), readBytes(file("stderr.txt"))};
   }
-
+  // The command fails with status 1 and an error text holding `part`.
+  ::testing::AssertionResult fails(const std::vector<std::string>& args, const std::string& part = "") {
+    const Outcome r = run(args);
+    if (r.status == 1 && r.err.find(part) != std::string::npos) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "status " << r.status << ", stderr: " << r.err;
+  }
+  std::string targets() { return run({"targets", db_}).out; }
   // A database seeded with the example parameters.
   void init() {
     const Outcome r = run({"init", db_, "--parameters", sourceFile("examples/parameters.xml")});
     ASSERT_EQ(r.status, 0) << r.err;
   }
-
   kavrel::test::TempDir dir_;
   fs::path binary_;
-  std::string db_;
+  std::string db_ = file("defs.sqlite");
 };
 
 TEST_F(KavrelCli, UsageErrorsExitWithTwoAndHelpWithZero) {
@@ -77,11 +81,10 @@ TEST_F(KavrelCli, UsageErrorsExitWithTwoAndHelpWithZero) {
     EXPECT_EQ(r.status, 0) << sub;
     EXPECT_TRUE(contains(r.out, "Usage")) << sub;
   }
-  EXPECT_EQ(run({}).status, 2);
-  EXPECT_EQ(run({"frobnicate"}).status, 2);
-  EXPECT_EQ(run({"export", db_}).status, 2);
-  EXPECT_EQ(run({"check", db_, "--bogus"}).status, 2);
-  EXPECT_EQ(run({"export", db_, "T", "--stylesheet", "a.xsl", "--no-stylesheet"}).status, 2);
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {}, {"frobnicate"}, {"export", db_}, {"check", db_, "--bogus"},
+           {"export", db_, "T", "--stylesheet", "a.xsl", "--no-stylesheet"}})
+    EXPECT_EQ(run(args).status, 2) << args.size();
 }
 
 TEST_F(KavrelCli, InitAndCheck) {
@@ -89,159 +92,102 @@ TEST_F(KavrelCli, InitAndCheck) {
   Outcome r = run({"check", db_});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(contains(r.out, "schema version 4"));
-
-  r = run({"init", db_});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(contains(r.err, "already exists"));
-
+  EXPECT_TRUE(fails({"init", db_}, "already exists"));
   // Not a database: refused with the library's numbered error.
   writeBytes(file("notes.txt"), "not a database\n");
   r = run({"check", file("notes.txt")});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err.rfind("error ", 0), 0u) << r.err;
-
   // A database of another schema version is refused with the session's error.
-  {
-    kavrel::test::TempDb old;
-    old.connection()->execute("UPDATE [system] SET [value]='3' WHERE [parameter]='version'");
-    old.connection()->close();
-    r = run({"check", old.path()});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(contains(r.err, "error 5 (KavrelDatabase.IsKavrelDatabase): Bad version"));
-    r = run({"targets", old.path()});
-    EXPECT_EQ(r.status, 1);
-  }
-
-  r = run({"check", file("missing.sqlite")});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(contains(r.err, "missing.sqlite"));
+  kavrel::test::TempDb old;
+  old.connection()->execute("UPDATE [system] SET [value]='3' WHERE [parameter]='version'");
+  old.connection()->close();
+  EXPECT_TRUE(fails({"check", old.path()}, "error 5 (KavrelDatabase.IsKavrelDatabase): Bad version"));
+  EXPECT_TRUE(fails({"targets", old.path()}));
+  EXPECT_TRUE(fails({"check", file("missing.sqlite")}, "missing.sqlite"));
   EXPECT_FALSE(fs::exists(file("missing.sqlite")));
-
   // A failed init leaves no file behind.
-  r = run({"init", file("other.sqlite"), "--parameters", file("notes.txt")});
-  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(fails({"init", file("other.sqlite"), "--parameters", file("notes.txt")}));
   EXPECT_FALSE(fs::exists(file("other.sqlite")));
 }
 
 TEST_F(KavrelCli, ImportExportListAndDeleteTheExamples) {
   init();
-  for (const char* example : {"examples/kline_target.xml", "examples/can_target.xml"}) {
-    const Outcome r = run({"import", db_, sourceFile(example)});
+  for (const auto& example : {kKline, kCan}) {
+    const Outcome r = run({"import", db_, example});
     ASSERT_EQ(r.status, 0) << example << ": " << r.err;
   }
-  Outcome r = run({"targets", db_});
-  ASSERT_EQ(r.status, 0) << r.err;
-  std::istringstream lines(r.out);
   std::vector<std::string> names;
+  std::istringstream lines(targets());
   for (std::string line; std::getline(lines, line);) {
-    std::istringstream fields(line);
-    std::string name;
-    std::getline(fields, name, '\t');
-    names.push_back(name);
-    std::string rest;
-    int count = 0;
-    while (std::getline(fields, rest, '\t')) ++count;
-    EXPECT_EQ(count, 6) << line;
+    names.push_back(fields(line)[0]);
+    EXPECT_EQ(fields(line).size(), 7u) << line;
   }
-  ASSERT_EQ(names.size(), 2u) << r.out;
-
+  ASSERT_EQ(names.size(), 2u);
   // Each export gives back the example's bytes, to a file and to stdout.
   for (const auto& name : names) {
-    r = run({"export", db_, name, "-o", file("out.xml")});
+    Outcome r = run({"export", db_, name, "-o", file("out.xml")});
     ASSERT_EQ(r.status, 0) << r.err;
     const std::string written = readBytes(file("out.xml"));
-    const bool matches = written == readBytes(sourceFile("examples/kline_target.xml")) ||
-                         written == readBytes(sourceFile("examples/can_target.xml"));
-    EXPECT_TRUE(matches) << name;
+    EXPECT_TRUE(written == readBytes(kKline) || written == readBytes(kCan)) << name;
     r = run({"export", db_, name});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, written);
   }
-
-  r = run({"export", db_, names[0], "--no-stylesheet", "--no-namespace", "--encoding", "ISO-8859-1"});
+  Outcome r = run({"export", db_, names[0], "--no-stylesheet", "--no-namespace", "--encoding", "ISO-8859-1"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out.rfind("<?xml version='1.0' encoding=\"ISO-8859-1\"?>\n<xml>\n<kvr:Target ", 0), 0u) << r.out;
-
-  r = run({"export", db_, "No such target", "-o", file("none.xml")});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(contains(r.err, "error 1 (KavrelDatabase.ExportNamedUceToXml): Target 'No such target' not found"));
+  EXPECT_TRUE(fails({"export", db_, "No such target", "-o", file("none.xml")},
+                    "error 1 (KavrelDatabase.ExportNamedUceToXml): Target 'No such target' not found"));
   EXPECT_FALSE(fs::exists(file("none.xml")));
-
-  r = run({"export-parameters", db_, "-o", file("params.xml")});
-  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(run({"export-parameters", db_, "-o", file("params.xml")}).status, 0);
   EXPECT_TRUE(contains(readBytes(file("params.xml")), "<DeviceTypes>"));
-
-  r = run({"delete", db_, names[0]});
-  EXPECT_EQ(r.status, 0) << r.err;
-  r = run({"delete", db_, names[0]});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(contains(r.err, "not found"));
-  r = run({"targets", db_});
-  EXPECT_EQ(r.out.find(names[0] + "\t"), std::string::npos) << r.out;
-  EXPECT_TRUE(contains(r.out, names[1] + "\t"));
+  EXPECT_EQ(run({"delete", db_, names[0]}).status, 0);
+  EXPECT_TRUE(fails({"delete", db_, names[0]}, "not found"));
+  EXPECT_FALSE(contains(targets(), names[0] + "\t"));
+  EXPECT_TRUE(contains(targets(), names[1] + "\t"));
 }
 
 TEST_F(KavrelCli, ImportRefusalsLeaveTheDatabaseAsItWas) {
   init();
-  const std::string example = sourceFile("examples/kline_target.xml");
-  ASSERT_EQ(run({"import", db_, example}).status, 0);
-  const std::string before = run({"targets", db_}).out;
-
-  Outcome r = run({"import", db_, example});
+  ASSERT_EQ(run({"import", db_, kKline}).status, 0);
+  const std::string before = targets();
+  Outcome r = run({"import", db_, kKline});
   EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(contains(r.err, "already exists"));
-  EXPECT_TRUE(contains(r.err, "--replace"));
-  EXPECT_EQ(run({"targets", db_}).out, before);
-
+  EXPECT_TRUE(contains(r.err, "already exists") && contains(r.err, "--replace")) << r.err;
   writeBytes(file("broken.xml"), "<?xml version=\"1.0\"?>\n<xml><kvr:Target Name=\"Broken\">\n");
-  r = run({"import", db_, file("broken.xml")});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(contains(r.err, "error 1 (KavrelDatabase.ImportUceFromXml): Bad xml file"));
-  EXPECT_EQ(run({"targets", db_}).out, before);
-
+  EXPECT_TRUE(fails({"import", db_, file("broken.xml")}, "error 1 (KavrelDatabase.ImportUceFromXml): Bad xml file"));
   writeBytes(file("unnamed.xml"), "<?xml version=\"1.0\"?>\n<xml>\n<kvr:Target>\n</kvr:Target>\n</xml>\n");
-  r = run({"import", db_, file("unnamed.xml")});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(contains(r.err, "without a name"));
-  EXPECT_EQ(run({"targets", db_}).out, before);
-
-  r = run({"import", db_, file("absent.xml")});
-  EXPECT_EQ(r.status, 1);
-  r = run({"import", file("absent.sqlite"), example});
-  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(fails({"import", db_, file("unnamed.xml")}, "without a name"));
+  EXPECT_TRUE(fails({"import", db_, file("absent.xml")}));
+  EXPECT_EQ(targets(), before);
+  EXPECT_TRUE(fails({"import", file("absent.sqlite"), kKline}));
   EXPECT_FALSE(fs::exists(file("absent.sqlite")));
-
   // --replace swaps the stored target for the document's: a new id, the
   // same content.
-  r = run({"import", db_, example, "--replace"});
+  r = run({"import", db_, kKline, "--replace"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(contains(r.out, "replaced"));
-  const std::string after = run({"targets", db_}).out;
-  EXPECT_NE(after, before);  // the id changed
+  const std::string after = targets();
   ASSERT_EQ(std::count(after.begin(), after.end(), '\n'), 1);
   auto withoutId = [](const std::string& line) {
-    std::vector<std::string> f;
-    std::istringstream in(line);
-    for (std::string s; std::getline(in, s, '\t');) f.push_back(s);
+    auto f = fields(line);
     f.erase(f.begin() + 2);
     return f;
   };
+  EXPECT_NE(fields(after)[2], fields(before)[2]);
   EXPECT_EQ(withoutId(after), withoutId(before));
-  r = run({"export", db_, withoutId(after)[0]});
-  EXPECT_EQ(r.out, readBytes(example));
-
+  EXPECT_EQ(run({"export", db_, fields(after)[0]}).out, readBytes(kKline));
   // A replacement whose insert fails half-way (two data names equal but for
   // letter case) keeps the stored target untouched.
-  std::string doubled = readBytes(example);
+  std::string doubled = readBytes(kKline);
   const std::string anchor = "<Data Name=\"Tension batterie\">";
   ASSERT_NE(doubled.find(anchor), std::string::npos);
   doubled.insert(doubled.find(anchor), "<Data Name=\"TENSION BATTERIE\">\n<Bits/>\n</Data>\n");
   writeBytes(file("doubled.xml"), doubled);
-  r = run({"import", db_, file("doubled.xml"), "--replace"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(contains(r.err, "nothing was imported"));
-  EXPECT_EQ(run({"targets", db_}).out, after);
-  EXPECT_EQ(run({"export", db_, withoutId(after)[0]}).out, readBytes(example));
+  EXPECT_TRUE(fails({"import", db_, file("doubled.xml"), "--replace"}, "nothing was imported"));
+  EXPECT_EQ(targets(), after);
+  EXPECT_EQ(run({"export", db_, fields(after)[0]}).out, readBytes(kKline));
 }
 
 }  // namespace
