@@ -271,6 +271,19 @@ void TargetItem::dbInsertTargetAll(db::Connection& conn) {
   // One transaction for the whole tree: far fewer commits, and a failure
   // midway leaves no half-written target behind.
   db::Transaction tx(conn);
+  // A refused row rolls everything back: the target is then as unsaved as
+  // before (no id of a row that does not exist, still marked changed).
+  struct RestoreUnlessCommitted {
+    TargetItem& t;
+    const int32_t id;
+    const bool changed;
+    bool committed = false;
+    ~RestoreUnlessCommitted() {
+      if (committed) return;
+      t.targetid_ = id;
+      t.ValueChanged_ = changed;
+    }
+  } restore{*this, targetid_, ValueChanged_};
   try {
     dbInsert(conn);
   } catch (const Error& e) {
@@ -296,6 +309,7 @@ void TargetItem::dbInsertTargetAll(db::Connection& conn) {
   if (Requests_) trap([&] { Requests_->DbInsertAll(conn, Address_, targetid_); });
   if (Organes_) trap([&] { Organes_->DbInsertAll(conn, Address_, targetid_); });
   tx.commit();
+  restore.committed = true;
   ValueChanged_ = false;
 }
 
