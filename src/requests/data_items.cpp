@@ -188,9 +188,7 @@ void DataItem::createXMLnode(xml::Document& odoc, xml::Node reqNode) {
 
 void DataItem::loadXml(xml::Document& odoc, xml::Node parNode) {
   std::optional<std::string> name;
-  trap([&] {
-    if (auto v = parNode.attributes().get("Name")) name = std::string(*v);
-  });
+  trap([&] { name = parNode.attribute("Name"); });
   if (!name) {
     recordError(100, "", "DataItem.loadXml error : Name not defined");
     clearLastError();

@@ -390,14 +390,7 @@ Node Node::child(std::string_view name) const {
 
 Node Node::selectSingleNode(std::string_view xpath) const {
   if (isNull()) return {};
-  if (isPlainChildName(xpath)) {
-    Node found;
-    forEachChildNamed(node_, attr_, xpath, [&](pugi::xml_node c) {
-      found = Node(c.internal_object(), nullptr);
-      return false;
-    });
-    return found;
-  }
+  if (isPlainChildName(xpath)) return child(xpath);
   const auto& query = compiled(xpath);
   pugi::xpath_node first;
   try {
