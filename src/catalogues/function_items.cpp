@@ -26,13 +26,13 @@ void writeCanId(xml::Node functionNode, const char* childName, int32_t id) {
   xml::Node child = functionNode.appendElement(childName);
   child.appendText("\n");
   xml::Node can = child.appendElement("CANId");
-  child.appendText("\n");
   if (id >= 0) {
     can.setAttribute("Value", std::to_string(id));
   } else {
     can.setAttribute("Value", std::to_string(static_cast<uint32_t>(id) & kCanIdMask));
     can.setAttribute("Extended", "1");
   }
+  child.appendText("\n");
 }
 
 // Reads "<child>/CANId/@Value" (and "@Extended"); a missing child leaves -1.

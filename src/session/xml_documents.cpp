@@ -42,6 +42,7 @@ void KavrelDatabase::ExportUceToXml(const std::string& fileName) {
     raise(kErrObjectNotSet, "KavrelDatabase.ExportUceToXml", "No active target to export");
 
   xml::Document odoc;
+  odoc.setWriteThrough(true);  // built once in order and saved: no tree needed
   odoc.appendProcessingInstruction("xml", "version='1.0' encoding=\"" + xmlEncoding_ + "\"");
   if (!xmlStyleSheet_.empty())
     odoc.appendProcessingInstruction("xml-stylesheet", "type=\"text/xsl\" href=\"" + xmlStyleSheet_ + "\"");
@@ -69,6 +70,7 @@ void KavrelDatabase::ExportParametersToXml(const std::string& fileName,
   const std::string encoding = xmlEncoding.value_or(xmlEncoding_);
 
   xml::Document odoc;
+  odoc.setWriteThrough(true);
   odoc.appendDeclaration("1.0", encoding);
   xml::Node root = startDocument(odoc, xmlns_);
 

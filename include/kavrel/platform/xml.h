@@ -8,6 +8,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,6 +21,10 @@ struct xml_attribute_struct;
 }  // namespace pugi
 
 namespace kavrel::xml {
+
+namespace detail {
+class XmlStream;
+}
 
 // Declaration: the "xml" processing instruction (name "xml", value its data).
 enum class NodeType { Null, Document, Element, Text, CData, Comment, ProcessingInstruction, Declaration, Attribute };
@@ -70,7 +75,7 @@ class Node {
  public:
   Node() = default;
 
-  bool isNull() const noexcept { return node_ == nullptr && attr_ == nullptr; }
+  bool isNull() const noexcept { return node_ == nullptr && attr_ == nullptr && stream_ == nullptr; }
   explicit operator bool() const noexcept { return !isNull(); }
   NodeType type() const;
   std::string name() const;
@@ -113,13 +118,21 @@ class Node {
   // The value of the first node the expression selects, if any.
   std::optional<std::string> selectString(std::string_view xpath) const;
 
-  friend bool operator==(const Node& a, const Node& b) { return a.node_ == b.node_ && a.attr_ == b.attr_; }
+  friend bool operator==(const Node& a, const Node& b) {
+    return a.node_ == b.node_ && a.attr_ == b.attr_ && a.stream_ == b.stream_ && a.serial_ == b.serial_;
+  }
 
  private:
   friend class Document;
   Node(pugi::xml_node_struct* n, pugi::xml_attribute_struct* a) : node_(n), attr_(a) {}
+  Node(detail::XmlStream* stream, uint32_t serial, uint32_t place) : stream_(stream), serial_(serial), place_(place) {}
   pugi::xml_node_struct* node_ = nullptr;
   pugi::xml_attribute_struct* attr_ = nullptr;
+  // A node of a document written as it is built: its writer and where it
+  // stands there.
+  detail::XmlStream* stream_ = nullptr;
+  uint32_t serial_ = 0;
+  uint32_t place_ = 0;
 };
 
 struct ParseError {
@@ -176,6 +189,22 @@ class Document {
   // once; does nothing otherwise. Handles to the removed nodes are then
   // invalid.
   void discardRead(const Node& done);
+
+  // A document written as it is built (an exporter's own, built in
+  // document order and saved once): each node goes straight into the saved
+  // text instead of into a tree, so a large document costs neither the
+  // tree's time nor its memory; it saves to the same bytes. Then:
+  // - an element takes children until a node is appended to one of its
+  //   ancestors (it is then written and closed), and takes attributes until
+  //   its first child is appended; building on a closed node throws
+  //   kavrel::Error 5;
+  // - what is written cannot be read back: navigation, XPath and attribute
+  //   reads of its nodes throw kavrel::Error 5 (type() and name() of an
+  //   open node, and parent(), still answer).
+  // It is chosen while the document is empty (else Error 5); loading makes
+  // it a tree again.
+  bool writeThrough() const;
+  void setWriteThrough(bool on);
 
   // Saves in the named encoding ("UTF-8", "UTF-16", "ISO-8859-1",
   // "windows-1252", "US-ASCII", letter case ignored; empty means the one

@@ -21,6 +21,7 @@
 #include "kavrel/error.h"
 #include "kavrel/platform/xml.h"
 #include "platform/pugixml/xml_encoding.h"
+#include "platform/pugixml/xml_stream.h"
 
 namespace kavrel::xml {
 namespace {
@@ -63,6 +64,10 @@ void checkName(std::string_view name, const char* what) {
 }
 
 pugi::xml_node pnode(pugi::xml_node_struct* n) { return pugi::xml_node(n); }
+
+[[noreturn]] void unreadable(const char* operation) {
+  invalid(std::string(operation) + ": a document written as it is built cannot be read back");
+}
 
 bool isDeclaration(const pugi::xml_node& n) {
   return n.type() == pugi::node_declaration ||
@@ -224,6 +229,7 @@ struct StringWriter : pugi::xml_writer {
 // ---------------------------------------------------------------- Node
 
 NodeType Node::type() const {
+  if (stream_ != nullptr) return stream_->type({serial_, place_});
   if (attr_ != nullptr) return NodeType::Attribute;
   if (node_ == nullptr) return NodeType::Null;
   const pugi::xml_node n = pnode(node_);
@@ -240,6 +246,7 @@ NodeType Node::type() const {
 }
 
 std::string Node::name() const {
+  if (stream_ != nullptr) return stream_->name({serial_, place_});
   if (attr_ != nullptr) return pugi::xml_attribute(attr_).name();
   switch (type()) {
     case NodeType::Element:
@@ -254,6 +261,7 @@ std::string Node::name() const {
 }
 
 std::string Node::value() const {
+  if (stream_ != nullptr) unreadable("value");
   if (attr_ != nullptr) return pugi::xml_attribute(attr_).value();
   if (node_ == nullptr) return {};
   const pugi::xml_node n = pnode(node_);
@@ -275,6 +283,7 @@ std::string Node::value() const {
 }
 
 std::string Node::text() const {
+  if (stream_ != nullptr) unreadable("text");
   if (attr_ == nullptr && node_ != nullptr) {
     const auto t = pnode(node_).type();
     if (t == pugi::node_element || t == pugi::node_document) return descendantText(pnode(node_));
@@ -283,6 +292,7 @@ std::string Node::text() const {
 }
 
 std::optional<std::string> Node::attribute(std::string_view name) const {
+  if (stream_ != nullptr) unreadable("attribute");
   if (attr_ != nullptr || node_ == nullptr) return std::nullopt;
   const pugi::xml_attribute a = findAttribute(pnode(node_), name);
   if (!a) return std::nullopt;
@@ -290,6 +300,7 @@ std::optional<std::string> Node::attribute(std::string_view name) const {
 }
 
 Attributes Node::attributes() const {
+  if (stream_ != nullptr) unreadable("attributes");
   Attributes out;
   if (attr_ != nullptr || node_ == nullptr) return out;
   for (pugi::xml_attribute a = pnode(node_).first_attribute(); a; a = a.next_attribute())
@@ -298,11 +309,17 @@ Attributes Node::attributes() const {
 }
 
 bool Node::hasAttribute(std::string_view name) const {
+  if (stream_ != nullptr) unreadable("hasAttribute");
   if (attr_ != nullptr || node_ == nullptr) return false;
   return static_cast<bool>(findAttribute(pnode(node_), name));
 }
 
 void Node::setAttribute(std::string_view name, std::string_view value) {
+  if (stream_ != nullptr) {
+    if (stream_->type({serial_, place_}) != NodeType::Element) invalid("setAttribute: not an element");
+    checkName(name, "attribute");
+    return stream_->setAttribute({serial_, place_}, name, value);
+  }
   if (attr_ != nullptr || node_ == nullptr || pnode(node_).type() != pugi::node_element)
     invalid("setAttribute: not an element");
   checkName(name, "attribute");
@@ -314,6 +331,11 @@ void Node::setAttribute(std::string_view name, std::string_view value) {
 }
 
 Node Node::appendElement(std::string_view name) {
+  if (stream_ != nullptr) {
+    checkName(name, "element");
+    const auto made = stream_->appendElement({serial_, place_}, name, "appendElement");
+    return Node(stream_, made.serial, made.place);
+  }
   pugi::xml_node parent = requireNode(node_, attr_, "appendElement");
   checkName(name, "element");
   if (parent.type() == pugi::node_document) checkTopLevelElement(parent);
@@ -324,12 +346,20 @@ Node Node::appendElement(std::string_view name) {
 }
 
 Node Node::appendText(std::string_view text) {
+  if (stream_ != nullptr) {
+    const auto made = stream_->appendText({serial_, place_}, text, NodeType::Text, "appendText");
+    return Node(stream_, made.serial, made.place);
+  }
   pugi::xml_node made = checkedAppend(requireNode(node_, attr_, "appendText"), pugi::node_pcdata, "appendText");
   setValue(made, text);
   return Node(made.internal_object(), nullptr);
 }
 
 Node Node::appendCData(std::string_view text) {
+  if (stream_ != nullptr) {
+    const auto made = stream_->appendText({serial_, place_}, text, NodeType::CData, "appendCData");
+    return Node(stream_, made.serial, made.place);
+  }
   // A "]]>" inside is split over two sections when written.
   pugi::xml_node made = checkedAppend(requireNode(node_, attr_, "appendCData"), pugi::node_cdata, "appendCData");
   setValue(made, text);
@@ -337,6 +367,10 @@ Node Node::appendCData(std::string_view text) {
 }
 
 Node Node::appendComment(std::string_view text) {
+  if (stream_ != nullptr) {
+    const auto made = stream_->appendText({serial_, place_}, text, NodeType::Comment, "appendComment");
+    return Node(stream_, made.serial, made.place);
+  }
   // "--" inside is written as "- -", as a comment cannot hold it.
   pugi::xml_node made =
       checkedAppend(requireNode(node_, attr_, "appendComment"), pugi::node_comment, "appendComment");
@@ -345,6 +379,8 @@ Node Node::appendComment(std::string_view text) {
 }
 
 Node Node::insertElementBefore(std::string_view name, const Node& before) {
+  if (stream_ != nullptr)
+    invalid("insertElementBefore: a document written as it is built takes its nodes in document order");
   pugi::xml_node parent = requireNode(node_, attr_, "insertElementBefore");
   if (before.attr_ != nullptr || before.node_ == nullptr || pnode(before.node_).parent() != parent)
     invalid("insertElementBefore: the reference node is not a child of this node");
@@ -357,22 +393,29 @@ Node Node::insertElementBefore(std::string_view name, const Node& before) {
 }
 
 Node Node::parent() const {
+  if (stream_ != nullptr) {
+    const auto up = stream_->parent({serial_, place_});
+    return up ? Node(stream_, up->serial, up->place) : Node();
+  }
   if (attr_ != nullptr) return Node(node_, nullptr);
   if (node_ == nullptr) return {};
   return Node(pnode(node_).parent().internal_object(), nullptr);
 }
 
 Node Node::firstChild() const {
+  if (stream_ != nullptr) unreadable("firstChild");
   if (attr_ != nullptr || node_ == nullptr) return {};
   return Node(pnode(node_).first_child().internal_object(), nullptr);
 }
 
 Node Node::nextSibling() const {
+  if (stream_ != nullptr) unreadable("nextSibling");
   if (attr_ != nullptr || node_ == nullptr) return {};
   return Node(pnode(node_).next_sibling().internal_object(), nullptr);
 }
 
 std::vector<Node> Node::children() const {
+  if (stream_ != nullptr) unreadable("children");
   std::vector<Node> out;
   if (attr_ != nullptr || node_ == nullptr) return out;
   for (auto n : pnode(node_).children()) out.push_back(Node(n.internal_object(), nullptr));
@@ -380,6 +423,7 @@ std::vector<Node> Node::children() const {
 }
 
 Node Node::child(std::string_view name) const {
+  if (stream_ != nullptr) unreadable("child");
   Node found;
   forEachChildNamed(node_, attr_, name, [&](pugi::xml_node c) {
     found = Node(c.internal_object(), nullptr);
@@ -389,6 +433,7 @@ Node Node::child(std::string_view name) const {
 }
 
 Node Node::selectSingleNode(std::string_view xpath) const {
+  if (stream_ != nullptr) unreadable("selectSingleNode");
   if (isNull()) return {};
   if (isPlainChildName(xpath)) return child(xpath);
   const auto& query = compiled(xpath);
@@ -404,6 +449,7 @@ Node Node::selectSingleNode(std::string_view xpath) const {
 }
 
 std::vector<Node> Node::selectNodes(std::string_view xpath) const {
+  if (stream_ != nullptr) unreadable("selectNodes");
   std::vector<Node> out;
   if (isNull()) return out;
   if (isPlainChildName(xpath)) {
@@ -444,6 +490,8 @@ struct Document::Impl {
   ParseError error;
   bool preserveWhiteSpace = false;
   bool readOnce = false;
+  // Set while the document is written as it is built (no tree then).
+  std::unique_ptr<detail::XmlStream> stream;
 
   bool fail(int code, std::string reason, std::string_view text = {}, size_t offset = 0, bool located = false) {
     doc.reset();
@@ -558,12 +606,25 @@ Document::~Document() = default;
 Document::Document(Document&&) noexcept = default;
 Document& Document::operator=(Document&&) noexcept = default;
 
-Node Document::root() const { return Node(impl_->doc.internal_object(), nullptr); }
+Node Document::root() const {
+  if (impl_->stream) return Node(impl_->stream.get(), detail::XmlStream::root().serial, detail::XmlStream::root().place);
+  return Node(impl_->doc.internal_object(), nullptr);
+}
 
-Node Document::documentElement() const { return Node(impl_->doc.document_element().internal_object(), nullptr); }
+Node Document::documentElement() const {
+  if (impl_->stream) {
+    const auto top = impl_->stream->documentElement();
+    return top ? Node(impl_->stream.get(), top->serial, top->place) : Node();
+  }
+  return Node(impl_->doc.document_element().internal_object(), nullptr);
+}
 
 Node Document::appendProcessingInstruction(std::string_view target, std::string_view data) {
   checkName(target, "processing instruction");
+  if (impl_->stream) {
+    const auto made = impl_->stream->appendInstruction(target, data);
+    return Node(impl_->stream.get(), made.serial, made.place);
+  }
   if (target == "xml") return Node(impl_->prependDeclaration(data).internal_object(), nullptr);
   // "?>" inside the data is written as "? >".
   pugi::xml_node pi = impl_->doc.append_child(pugi::node_pi);
@@ -575,12 +636,13 @@ Node Document::appendProcessingInstruction(std::string_view target, std::string_
 Node Document::appendDeclaration(std::string_view version, std::string_view encoding) {
   std::string data = "version=\"" + std::string(version) + "\"";
   if (!encoding.empty()) data += " encoding=\"" + std::string(encoding) + "\"";
-  return Node(impl_->prependDeclaration(data).internal_object(), nullptr);
+  return appendProcessingInstruction("xml", data);
 }
 
 Node Document::appendElement(std::string_view name) { return root().appendElement(name); }
 
 bool Document::load(const std::string& path) {
+  impl_->stream.reset();
   std::error_code ec;
   if (std::filesystem::is_directory(path, ec))
     return impl_->fail(pugi::status_io_error, "Cannot read \"" + path + "\": it is a directory");
@@ -618,6 +680,7 @@ bool Document::load(const std::string& path) {
 }
 
 bool Document::loadString(std::string_view text) {
+  impl_->stream.reset();
   return impl_->parseInPlace(detail::decodeUtf8(text), [&] { return detail::decodeUtf8(text); });
 }
 
@@ -626,6 +689,18 @@ const ParseError& Document::parseError() const { return impl_->error; }
 bool Document::preserveWhiteSpace() const { return impl_->preserveWhiteSpace; }
 
 void Document::setPreserveWhiteSpace(bool keep) { impl_->preserveWhiteSpace = keep; }
+
+bool Document::writeThrough() const { return impl_->stream != nullptr; }
+
+void Document::setWriteThrough(bool on) {
+  if (on == writeThrough()) return;
+  const bool empty = impl_->stream ? impl_->stream->empty() : !impl_->doc.first_child();
+  if (!empty) invalid("setWriteThrough: the document is not empty");
+  if (on)
+    impl_->stream = std::make_unique<detail::XmlStream>();
+  else
+    impl_->stream.reset();
+}
 
 bool Document::readOnce() const { return impl_->readOnce; }
 
@@ -661,6 +736,7 @@ struct FileWriter : pugi::xml_writer {
 }  // namespace
 
 std::string Document::toString() const {
+  if (impl_->stream) return impl_->stream->text();
   std::string out;
   StringWriter writer(out);
   printDocument(impl_->doc, writer);
@@ -670,30 +746,37 @@ std::string Document::toString() const {
 void Document::save(const std::string& path, std::string_view encoding) const {
   std::string name(encoding);
   if (name.empty()) {
-    const pugi::xml_node declaration = declarationOf(impl_->doc);
-    if (declaration) name = detail::declaredEncoding(Node(declaration.internal_object(), nullptr).value());
+    if (impl_->stream) {
+      if (const auto& declaration = impl_->stream->declaration()) name = detail::declaredEncoding(*declaration);
+    } else if (const pugi::xml_node declaration = declarationOf(impl_->doc)) {
+      name = detail::declaredEncoding(Node(declaration.internal_object(), nullptr).value());
+    }
     if (name.empty()) name = "UTF-8";
   }
   const auto target = detail::encodingFromName(name);
   if (!target) invalid("Unknown encoding \"" + name + "\"");
   // UTF-8 is the document's own form: it goes to the file as it is printed,
   // without a copy of the whole text (or two) in memory first.
+  // The text to write, in parts; none when the tree prints straight to the file.
   std::string bytes;
-  if (*target != detail::Encoding::Utf8) bytes = detail::encodeDocument(toString(), *target);
-
+  std::vector<std::string_view> parts;
+  if (impl_->stream) {
+    parts = impl_->stream->finish();
+    if (*target != detail::Encoding::Utf8) parts = {bytes = detail::encodeDocument(impl_->stream->text(), *target)};
+  } else if (*target != detail::Encoding::Utf8) {
+    parts = {bytes = detail::encodeDocument(toString(), *target)};
+  }
   std::FILE* f = std::fopen(path.c_str(), "wb");
   bool ok = f != nullptr;
   int err = errno;
   if (ok) {
-    if (*target == detail::Encoding::Utf8) {
-      FileWriter writer(f);
+    FileWriter writer(f);
+    if (parts.empty())
       printDocument(impl_->doc, writer);
-      ok = writer.error == 0;
-      err = writer.error;
-    } else {
-      ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
-      if (!ok) err = errno;
-    }
+    else
+      for (std::string_view part : parts) writer.write(part.data(), part.size());
+    ok = writer.error == 0;
+    err = writer.error;
     if (std::fclose(f) != 0 && ok) ok = false, err = errno;
   }
   if (!ok)
