@@ -91,8 +91,8 @@ class NameIndex {
   // The positions of the elements filed under `key`, or null when none.
   const NamePositions* find(const KeyedCollection<T>& c, const std::string& key) {
     sync(c);
-    auto it = buckets_.find(key);
-    return it == buckets_.end() ? nullptr : &it->second;
+    const uint32_t e = lookup(key, hashOf(key));
+    return e == kNone || !entries_[e].live ? nullptr : &entries_[e].positions;
   }
 
   // The first element filed under `key`, or null.
@@ -102,8 +102,74 @@ class NameIndex {
   }
 
  private:
-  using Buckets = std::unordered_map<std::string, NamePositions>;
-  using Bucket = Buckets::value_type;
+  // The keys live in `entries_`, found through an open-addressing table of
+  // (hash, entry) slots: a lookup reads one slot and one entry, where a
+  // node-based map chases two or three pointers (large targets link tens
+  // of thousands of elements by name, and each pointer is a cache miss).
+  // An entry whose last element left stays in place, dead, until its key
+  // comes back or the index is rebuilt.
+  struct Entry {
+    std::string key;
+    uint32_t hash = 0;
+    bool live = true;
+    NamePositions positions;
+  };
+  static constexpr uint32_t kNone = UINT32_MAX;
+
+  static uint32_t hashOf(const std::string& key) {
+    const size_t h = std::hash<std::string>{}(key);
+    return static_cast<uint32_t>(h ^ (h >> 32));
+  }
+
+  // The entry of `key`, live or dead, or kNone.
+  uint32_t lookup(const std::string& key, uint32_t hash) const {
+    if (slots_.empty()) return kNone;
+    const size_t mask = slots_.size() - 1;
+    for (size_t i = hash & mask;; i = (i + 1) & mask) {
+      const uint64_t slot = slots_[i];
+      if (slot == 0) return kNone;
+      if (static_cast<uint32_t>(slot >> 32) != hash) continue;
+      const auto e = static_cast<uint32_t>(slot) - 1;
+      if (entries_[e].key == key) return e;
+    }
+  }
+
+  void placeSlot(uint32_t hash, uint32_t entry) {
+    const size_t mask = slots_.size() - 1;
+    size_t i = hash & mask;
+    while (slots_[i] != 0) i = (i + 1) & mask;
+    slots_[i] = (static_cast<uint64_t>(hash) << 32) | (entry + 1);
+  }
+
+  // At most half full, so that probes stay short.
+  void reserveSlots(size_t entries) {
+    if (entries * 2 <= slots_.size()) return;
+    size_t size = 16;
+    while (size < entries * 2) size *= 2;
+    slots_.assign(size, 0);
+    for (uint32_t e = 0; e < entries_.size(); ++e) placeSlot(entries_[e].hash, e);
+  }
+
+  // Files position p under `key`: the entry of that key, made (or revived)
+  // as needed.
+  uint32_t fileUnder(std::string&& key, uint32_t p) {
+    const uint32_t hash = hashOf(key);
+    uint32_t e = lookup(key, hash);
+    if (e != kNone && entries_[e].live) {
+      entries_[e].positions.insert(p);
+      return e;
+    }
+    if (e == kNone) {
+      reserveSlots(entries_.size() + 1);
+      e = static_cast<uint32_t>(entries_.size());
+      entries_.push_back(Entry{std::move(key), hash, true, {}});
+      placeSlot(hash, e);
+    }
+    Entry& entry = entries_[e];
+    entry.live = true;
+    entry.positions = NamePositions{p, {}};
+    return e;
+  }
 
   void sync(const KeyedCollection<T>& c) {
     const uint64_t mods = c.modificationCount();
@@ -134,7 +200,7 @@ class NameIndex {
       // Only needed once names change after filing: built on first use.
       positionOf_.reserve(filed_.size());
       for (uint32_t p = 0; p < filed_.size(); ++p)
-        if (filed_[p] && !positionOf_.try_emplace(elements_[p], p).second) shared_ = true;
+        if (filed_[p] != kNone && !positionOf_.try_emplace(elements_[p], p).second) shared_ = true;
       positionsKnown_ = true;
     }
     for (const void* e : changed) {
@@ -147,14 +213,16 @@ class NameIndex {
   }
 
   void rebuild(const KeyedCollection<T>& c, uint64_t version) {
-    buckets_.clear();
+    entries_.clear();
+    slots_.clear();
     filed_.clear();
     elements_.clear();
     positionOf_.clear();
     positionsKnown_ = false;
     shared_ = false;
     const auto n = static_cast<size_t>(c.Count());
-    buckets_.reserve(n);
+    entries_.reserve(n);
+    reserveSlots(n);
     filed_.reserve(n);
     elements_.reserve(n);
     for (const auto& e : c) append(e.get());
@@ -167,30 +235,20 @@ class NameIndex {
     const auto p = static_cast<uint32_t>(filed_.size());
     elements_.push_back(e);
     if (!e) {
-      filed_.push_back(nullptr);
+      filed_.push_back(kNone);
       return;
     }
     if (positionsKnown_ && !positionOf_.try_emplace(e, p).second) shared_ = true;
-    auto [it, added] = buckets_.try_emplace(keyOf_(*e));
-    if (added)
-      it->second.first = p;
-    else
-      it->second.insert(p);  // positions come in ascending order: appended at the end
-    filed_.push_back(&*it);
+    filed_.push_back(fileUnder(keyOf_(*e), p));  // ascending positions: appended at the end
   }
 
   // Moves the element at position p to the bucket of its current key.
   void refile(uint32_t p, const T& e) {
     std::string key = keyOf_(e);
-    Bucket* old = filed_[p];
-    if (old && old->first == key) return;
-    if (old && !old->second.erase(p)) buckets_.erase(buckets_.find(old->first));
-    auto [it, added] = buckets_.try_emplace(std::move(key));
-    if (added)
-      it->second.first = p;
-    else
-      it->second.insert(p);
-    filed_[p] = &*it;
+    const uint32_t old = filed_[p];
+    if (old != kNone && entries_[old].key == key) return;
+    if (old != kNone && !entries_[old].positions.erase(p)) entries_[old].live = false;
+    filed_[p] = fileUnder(std::move(key), p);
   }
 
   NameJournal* journal_;
@@ -200,8 +258,9 @@ class NameIndex {
   bool shared_ = false;
   uint64_t mods_ = 0;
   uint64_t version_ = 0;
-  Buckets buckets_;
-  std::vector<Bucket*> filed_;        // by position: the bucket the element is filed in
+  std::vector<Entry> entries_;
+  std::vector<uint64_t> slots_;       // (hash << 32) | (entry + 1); 0 = free
+  std::vector<uint32_t> filed_;       // by position: the entry the element is filed in, or kNone
   std::vector<const T*> elements_;    // by position: the element
   std::unordered_map<const T*, uint32_t> positionOf_;  // built when names change after filing
 };

@@ -453,10 +453,8 @@ std::vector<Node> Node::selectNodes(std::string_view xpath) const {
   std::vector<Node> out;
   if (isNull()) return out;
   if (isPlainChildName(xpath)) {
-    // Counted first: one allocation instead of one per doubling.
-    size_t count = 0;
-    forEachChildNamed(node_, attr_, xpath, [&](pugi::xml_node) { return ++count, true; });
-    out.reserve(count);
+    // One walk: a second one (to count first) would read every child of a
+    // large element from memory again.
     forEachChildNamed(node_, attr_, xpath, [&](pugi::xml_node c) {
       out.push_back(Node(c.internal_object(), nullptr));
       return true;
