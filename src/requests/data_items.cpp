@@ -482,6 +482,17 @@ std::string DataItems::nameKey(const DataItem& d) { return text::lower(d.datanam
 
 DataItems::Ptr DataItems::ItemName(std::string_view name) const { return nameIndex_.first(*this, text::lower(name)); }
 
+std::vector<int32_t> DataItems::indexesOfNames(const std::vector<std::string>& names) const {
+  std::vector<std::string> keys;
+  keys.reserve(names.size());
+  for (const auto& n : names) keys.push_back(text::lower(n));
+  const std::vector<uint32_t> found = nameIndex_.firstPositions(*this, keys);
+  std::vector<int32_t> out(found.size(), 0);
+  for (size_t i = 0; i < found.size(); ++i)
+    if (found[i] != detail::NameIndex<DataItem>::kNone) out[i] = static_cast<int32_t>(found[i]) + 1;
+  return out;
+}
+
 DataItems::Ptr DataItems::ItemDuplicate(const Ptr& Item) const {
   if (!Item) return nullptr;
   // The items of that name in collection order: the first with another id.

@@ -88,7 +88,14 @@ void linkPositionToData(const std::shared_ptr<DataPositionItem>& pos) {
   // Called for every position a target reads: no reference-count traffic
   // beyond the one new entry.
   DataItem* data = pos ? pos->dataPtr() : nullptr;
-  if (!data) return;
+  if (!data) {
+    // Within a bulk read its name was only noted: linked when the batch resolves.
+    if (!pos) return;
+    const Owners o = ownersOf(*pos);
+    if (auto* batch = DeferredPositionLinks::activeFor(o.target ? o.target->datas().get() : nullptr))
+      batch->add(pos);
+    return;
+  }
   DataPositionItems* list = data->dataPositionsPtr();
   if (!list) {
     data->setDataPositions(std::make_shared<DataPositionItems>());
@@ -97,6 +104,64 @@ void linkPositionToData(const std::shared_ptr<DataPositionItem>& pos) {
   for (const auto& p : *list)
     if (p == pos) return;
   list->AddData(pos);
+}
+
+namespace {
+thread_local DeferredPositionLinks* activeLinks = nullptr;
+}  // namespace
+
+DeferredPositionLinks::DeferredPositionLinks(std::shared_ptr<DataItems> datas)
+    : datas_(std::move(datas)), previous_(activeLinks) {
+  activeLinks = this;
+}
+
+DeferredPositionLinks::~DeferredPositionLinks() {
+  // Normally resolved already; on the way out of a failed load the links
+  // are still made, as they would have been one by one.
+  try {
+    resolve();
+  } catch (...) {
+  }
+  if (activeLinks == this) activeLinks = previous_;
+}
+
+DeferredPositionLinks* DeferredPositionLinks::activeFor(const DataItems* datas) noexcept {
+  if (!datas) return nullptr;
+  for (DeferredPositionLinks* b = activeLinks; b; b = b->previous_)
+    if (b->active_ && b->datas_.get() == datas) return b;
+  return nullptr;
+}
+
+void DeferredPositionLinks::add(const std::shared_ptr<DataPositionItem>& pos) {
+  positions_.push_back(pos);
+  names_.push_back(pos->dataname());
+}
+
+void DeferredPositionLinks::resolve() {
+  if (!active_) return;
+  active_ = false;
+  if (activeLinks == this) activeLinks = previous_;
+  if (positions_.empty()) return;
+  const std::vector<int32_t> found = datas_->indexesOfNames(names_);
+  names_ = {};
+  // In the order of the data items (a counting sort, stable: each item's
+  // positions keep their reading order), so the items are visited in the
+  // order they were made and each one's list is completed at once.
+  const auto items = static_cast<size_t>(datas_->Count());
+  std::vector<uint32_t> start(items + 2, 0);
+  for (int32_t f : found) ++start[static_cast<size_t>(f) + 1];
+  for (size_t k = 1; k < start.size(); ++k) start[k] += start[k - 1];
+  std::vector<uint32_t> order(found.size());
+  for (size_t i = 0; i < found.size(); ++i) order[start[static_cast<size_t>(found[i])]++] = static_cast<uint32_t>(i);
+  constexpr size_t kAhead = 8;
+  for (size_t k = 0; k < order.size(); ++k) {
+    if (k + kAhead < order.size()) __builtin_prefetch(positions_[order[k + kAhead]].get(), 1);
+    const size_t i = order[k];
+    if (found[i] == 0) continue;  // no data of that name: the position keeps its name only
+    positions_[i]->setData(datas_->Item(found[i]));
+    linkPositionToData(positions_[i]);
+  }
+  positions_ = {};
 }
 
 void unlinkPositionFromData(const std::shared_ptr<DataPositionItem>& pos) {
@@ -169,7 +234,11 @@ void DataPositionItem::setDataname(std::string v) {
   if (auto request = parent())
     if (auto target = request->parent()) datas = target->datas();
   if (datas) {
-    Data_ = datas->ItemName(v);
+    // Within a bulk read the link is made when the batch resolves.
+    if (detail::DeferredPositionLinks::activeFor(datas.get()))
+      Data_.reset();
+    else
+      Data_ = datas->ItemName(v);
   } else if (Data_ && !text::iequals(Data_->dataname(), v)) {
     // Nowhere to look the name up: a link to data of another name would lie.
     Data_.reset();

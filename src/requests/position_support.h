@@ -6,8 +6,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "kavrel/platform/db.h"
+#include "kavrel/requests/data_items.h"
 #include "kavrel/requests/data_position_items.h"
 
 namespace kavrel::detail {
@@ -22,7 +24,38 @@ inline std::optional<int32_t> optInt(const db::Value& v) {
 
 // A position is listed under its request and under its data item: adds it
 // to the data item's DataPositions (created when the item has none), once.
+// Within a batch of deferred links (below) for its target's data, a
+// position without Data is handed to the batch instead.
 void linkPositionToData(const std::shared_ptr<DataPositionItem>& pos);
+// While one lives on a thread, the positions read for the data items it
+// names are linked to their data all at once when it is resolved (or
+// destroyed), instead of one by one as they are read: a whole-target import
+// links tens of thousands of positions, and in one pass the lookups overlap
+// their memory reads and each data item's list is built in one go. Until
+// then those positions have a name and no Data.
+class DeferredPositionLinks {
+ public:
+  explicit DeferredPositionLinks(std::shared_ptr<DataItems> datas);
+  ~DeferredPositionLinks();
+  DeferredPositionLinks(const DeferredPositionLinks&) = delete;
+  DeferredPositionLinks& operator=(const DeferredPositionLinks&) = delete;
+
+  // The batch collecting positions of `datas` on this thread, if any.
+  static DeferredPositionLinks* activeFor(const DataItems* datas) noexcept;
+  // Takes a position read for those data items (its name set).
+  void add(const std::shared_ptr<DataPositionItem>& pos);
+  // Links what was taken (Data and the data item's DataPositions, as
+  // setDataname and linkPositionToData do) and stops collecting.
+  void resolve();
+
+ private:
+  std::shared_ptr<DataItems> datas_;
+  std::vector<std::shared_ptr<DataPositionItem>> positions_;
+  std::vector<std::string> names_;
+  DeferredPositionLinks* previous_;
+  bool active_ = true;
+};
+
 // Removes it from its data item's DataPositions (the request is going away).
 void unlinkPositionFromData(const std::shared_ptr<DataPositionItem>& pos);
 

@@ -14,6 +14,7 @@
 #include "kavrel/session/kavrel_database.h"
 #include "kavrel/target/auto_ident_items.h"
 #include "kavrel/target/target_param_item.h"
+#include "requests/position_support.h"
 #include "target/target_support.h"
 
 namespace kavrel {
@@ -163,7 +164,9 @@ bool TargetItem::dbReadTargetAll(db::Connection& conn, int32_t address, int32_t 
   trap([&] {
     release(Requests_);
     Requests_ = std::make_shared<RequestItems>();
+    detail::DeferredPositionLinks links(datas_);
     Requests_->dbReadAll(conn, self);
+    links.resolve();
   });
   trap([&] {
     release(Organes_);
@@ -426,7 +429,9 @@ void TargetItem::loadXml(xml::Document& odoc, xml::Node node) {
   if (xml::Node requestsEl = t.child("Requests"); !requestsEl.isNull()) {
     release(Requests_);
     Requests_ = std::make_shared<RequestItems>();
+    detail::DeferredPositionLinks links(datas_);
     Requests_->loadXml(odoc, requestsEl, self);
+    links.resolve();
   }
   if (xml::Node devicesEl = t.child("Devices"); !devicesEl.isNull()) {
     release(Organes_);

@@ -269,6 +269,56 @@ TEST(TargetXml, ExportThenImportGivesTheSameDocument) {
   EXPECT_EQ(exportTarget(back), text);
 }
 
+TEST(TargetXml, ImportedAndReadPositionsLinkToTheFirstDataOfTheirNameInReadingOrder) {
+  // Positions of a whole target are linked once all requests are read.
+  test::SessionDb s;
+  auto t = importTarget(
+      s.session,
+      "<xml><kvr:Target Name=\"N\"><Function Name=\"ABS\"/><Datas>"
+      "<Data Name=\"Speed\"/><Data Name=\"Torque\"/><Data Name=\"Dup\"/><Data Name=\"Idle\"/>"
+      "</Datas><Requests>"
+      "<Request Name=\"R1\"><Received><DataItem Name=\"torque\" FirstByte=\"3\"/>"
+      "<DataItem Name=\"Speed\" FirstByte=\"4\"/><DataItem Name=\"Unknown\"/><DataItem Name=\"DUP\"/></Received></Request>"
+      "<Request Name=\"R2\"><Sent><DataItem Name=\"SPEED\" FirstByte=\"2\"/></Sent></Request>"
+      "</Requests></kvr:Target></xml>");
+  // Each position with the data it links to, then each data item with its
+  // positions (request/first byte) in list order.
+  const auto links = [](const std::shared_ptr<TargetItem>& target) {
+    std::string out;
+    for (const char* r : {"R1", "R2"})
+      for (const auto& p : *target->Requests()->ItemName(r)->DataPositions())
+        out += std::string(r) + ":" + p->dataname() + "->" + (p->Data() ? p->Data()->dataname() : "-") + " ";
+    for (const auto& d : *target->datas()) {
+      out += "|" + d->dataname() + ":";
+      if (auto list = d->DataPositions())
+        for (const auto& p : *list) out += " " + p->requestName() + "/" + std::to_string(p->StartOctet());
+    }
+    return out;
+  };
+  EXPECT_EQ(links(t),
+            "R1:Torque->Torque R1:Speed->Speed R1:Unknown->- R1:Dup->Dup R2:Speed->Speed "
+            "|Speed: R1/4 R2/2|Torque: R1/3|Dup: R1/1|Idle:");
+  // Positions read on their own, outside a whole-target read, link at once.
+  auto r2 = t->Requests()->ItemName("R2");
+  xml::Document doc;
+  ASSERT_TRUE(doc.loadString("<Received><DataItem Name=\"Idle\"/></Received>"));
+  r2->DataPositions()->loadXml(doc, doc.documentElement(), r2);
+  EXPECT_EQ(r2->DataPositions()->Item(2)->Data(), t->datas()->ItemName("Idle"));
+  EXPECT_EQ(t->datas()->ItemName("Idle")->DataPositions()->Item(1), r2->DataPositions()->Item(2));
+  // The same links when the target is read back from a database (where a
+  // position must name a stored data item).
+  t->Requests()->ItemName("R1")->DataPositions()->Remove(3);
+  r2->DataPositions()->Remove(2);
+  auto& conn = *s.session->DbConnection();
+  t->dbInsertTargetAll(conn);
+  ASSERT_FALSE(lastError().pending()) << lastError().description;
+  auto back = s.session->NewTarget();
+  back->dbReadTargetAll(conn, t->Address(), t->targetid());
+  EXPECT_EQ(links(back),  // read in name order
+            "R1:Dup->Dup R1:Speed->Speed R1:Torque->Torque R2:Speed->Speed "
+            "|Dup: R1/1|Idle:|Speed: R1/4 R2/2|Torque: R1/3");
+}
+
 TEST(TargetXml, IncompleteTargetElementsAreImportedWithoutError) {
   test::SessionDb s;
   for (const char* text : {"<xml><kvr:Target><Function Name=\"ABS\"/></kvr:Target></xml>",

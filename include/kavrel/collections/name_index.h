@@ -95,6 +95,37 @@ class NameIndex {
     return e == kNone || !entries_[e].live ? nullptr : &entries_[e].positions;
   }
 
+  // For each key, the position of the first element filed under it, or
+  // kNone: many lookups at once, for bulk loaders. Each lookup reads a
+  // slot and an entry, both usually cache misses; here they are fetched a
+  // few keys ahead so that the misses overlap instead of being waited for
+  // one after the other.
+  static constexpr uint32_t kNone = UINT32_MAX;
+  std::vector<uint32_t> firstPositions(const KeyedCollection<T>& c, const std::vector<std::string>& keys) {
+    sync(c);
+    const size_t n = keys.size();
+    std::vector<uint32_t> out(n, kNone);
+    if (slots_.empty()) return out;
+    constexpr size_t kAhead = 16;
+    const size_t mask = slots_.size() - 1;
+    std::vector<uint32_t> hashes(n);
+    for (size_t i = 0; i < n; ++i) hashes[i] = hashOf(keys[i]);
+    // The entry named by each key's first slot, when its hash matches.
+    std::vector<uint32_t> candidate(n, kNone);
+    for (size_t i = 0; i < n; ++i) {
+      if (i + kAhead < n) __builtin_prefetch(&slots_[hashes[i + kAhead] & mask]);
+      const uint64_t slot = slots_[hashes[i] & mask];
+      if (slot != 0 && static_cast<uint32_t>(slot >> 32) == hashes[i]) candidate[i] = static_cast<uint32_t>(slot) - 1;
+    }
+    for (size_t i = 0; i < n; ++i) {
+      if (i + kAhead < n && candidate[i + kAhead] != kNone) __builtin_prefetch(&entries_[candidate[i + kAhead]]);
+      uint32_t e = candidate[i];
+      if (e == kNone || entries_[e].key != keys[i]) e = lookup(keys[i], hashes[i]);  // probed further, rare
+      if (e != kNone && entries_[e].live) out[i] = entries_[e].positions.first;
+    }
+    return out;
+  }
+
   // The first element filed under `key`, or null.
   std::shared_ptr<T> first(const KeyedCollection<T>& c, const std::string& key) {
     const NamePositions* positions = find(c, key);
@@ -114,7 +145,6 @@ class NameIndex {
     bool live = true;
     NamePositions positions;
   };
-  static constexpr uint32_t kNone = UINT32_MAX;
 
   static uint32_t hashOf(const std::string& key) {
     const size_t h = std::hash<std::string>{}(key);

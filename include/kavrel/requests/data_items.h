@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "kavrel/collections/keyed_collection.h"
 #include "kavrel/collections/name_index.h"
@@ -102,6 +103,9 @@ class DataItems : public KeyedCollection<DataItem> {
   Ptr Add(int32_t id, std::string_view sKey = {});
   // First item whose name equals `name` without letter case; null when none.
   Ptr ItemName(std::string_view name) const;
+  // ItemName for many names at once (bulk loaders): for each name, the
+  // 1-based index of the first item of that name, or 0 when none.
+  std::vector<int32_t> indexesOfNames(const std::vector<std::string>& names) const;
   // First item of the same name (letter case ignored) and another id.
   Ptr ItemDuplicate(const Ptr& Item) const;
 
