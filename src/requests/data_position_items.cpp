@@ -418,6 +418,10 @@ void loadPositions(DataPositionItems& list, xml::Document& odoc, xml::Node node,
   std::vector<xml::Node> nodes;
   if (!trap([&] { nodes = node.selectNodes("DataItem"); })) return;
   list.reserve(static_cast<size_t>(list.Count()) + nodes.size());
+  // The batch of a whole-target read, found once for all the positions.
+  detail::DeferredPositionLinks* batch = nullptr;
+  if (auto target = Prequest ? Prequest->parent() : nullptr)
+    batch = detail::DeferredPositionLinks::activeFor(target->datas().get());
   for (const auto& n : nodes) {
     auto pos = std::make_shared<DataPositionItem>();
     pos->setParent(Prequest);
@@ -426,7 +430,10 @@ void loadPositions(DataPositionItems& list, xml::Document& odoc, xml::Node node,
     pos->loadXml(odoc, n);
     // Added even when its element was incomplete (the error stays pending).
     trap([&] { list.AddData(pos); });
-    detail::linkPositionToData(pos);
+    if (batch && !pos->dataPtr())
+      batch->add(pos);
+    else
+      detail::linkPositionToData(pos);
   }
 }
 
