@@ -97,6 +97,17 @@ TEST(DataNameIndex, ManyRenamesItemsListedTwiceAndItemsInTwoCollections) {
   std::vector<std::shared_ptr<DataItem>> items;
   for (int i = 0; i < 100; ++i) items.push_back(added(c, "D" + std::to_string(i)));
   EXPECT_EQ(c.ItemName("d50"), items[50]);
+  // One item through many names, looked up after each: the names it left
+  // find nothing, and coming back to an old name finds it again.
+  for (int k = 0; k < 300; ++k) {
+    items[9]->setDataname("Step " + std::to_string(k));
+    ASSERT_EQ(c.ItemName("STEP " + std::to_string(k)), items[9]);
+    if (k > 0) {
+      ASSERT_EQ(c.ItemName("step " + std::to_string(k - 1)), nullptr);
+    }
+  }
+  items[9]->setDataname("D9");
+  EXPECT_EQ(c.ItemName("d9"), items[9]);
   // More renames than the journal keeps: the index starts over.
   for (size_t round = 0; round < detail::NameJournal::kCapacity / items.size() + 2; ++round)
     for (size_t i = 0; i < items.size(); ++i)

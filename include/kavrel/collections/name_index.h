@@ -196,6 +196,7 @@ class NameIndex {
       placeSlot(hash, e);
     }
     Entry& entry = entries_[e];
+    if (!entry.live) --dead_;
     entry.live = true;
     entry.positions = NamePositions{p, {}};
     return e;
@@ -239,12 +240,15 @@ class NameIndex {
       if (shared_) return false;
       refile(it->second, *it->first);
     }
-    return true;
+    // Keys renamed away stay as dead entries: once they are most of the
+    // table, start afresh.
+    return dead_ <= entries_.size() / 2 + 16;
   }
 
   void rebuild(const KeyedCollection<T>& c, uint64_t version) {
     entries_.clear();
     slots_.clear();
+    dead_ = 0;
     filed_.clear();
     elements_.clear();
     positionOf_.clear();
@@ -283,7 +287,10 @@ class NameIndex {
     std::string key = keyOf_(e);
     const uint32_t old = filed_[p];
     if (old != kNone && entries_[old].key == key) return;
-    if (old != kNone && !entries_[old].positions.erase(p)) entries_[old].live = false;
+    if (old != kNone && !entries_[old].positions.erase(p)) {
+      entries_[old].live = false;
+      ++dead_;
+    }
     filed_[p] = fileUnder(std::move(key), p);
   }
 
@@ -292,6 +299,7 @@ class NameIndex {
   bool built_ = false;
   bool positionsKnown_ = false;
   bool shared_ = false;
+  size_t dead_ = 0;  // entries without elements
   uint64_t mods_ = 0;
   uint64_t version_ = 0;
   std::vector<Entry> entries_;
