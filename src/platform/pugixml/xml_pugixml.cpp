@@ -26,9 +26,7 @@
 namespace kavrel::xml {
 namespace {
 
-[[noreturn]] void invalid(std::string description) {
-  throw Error(kErrInvalidArgument, "", std::move(description));
-}
+using detail::invalid;
 
 bool isXmlBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
@@ -758,12 +756,10 @@ void Document::save(const std::string& path, std::string_view encoding) const {
   // The text to write, in parts; none when the tree prints straight to the file.
   std::string bytes;
   std::vector<std::string_view> parts;
-  if (impl_->stream) {
-    parts = impl_->stream->finish();
-    if (*target != detail::Encoding::Utf8) parts = {bytes = detail::encodeDocument(impl_->stream->text(), *target)};
-  } else if (*target != detail::Encoding::Utf8) {
+  if (*target != detail::Encoding::Utf8)
     parts = {bytes = detail::encodeDocument(toString(), *target)};
-  }
+  else if (impl_->stream)
+    parts = impl_->stream->finish();
   std::FILE* f = std::fopen(path.c_str(), "wb");
   bool ok = f != nullptr;
   int err = errno;

@@ -9,11 +9,10 @@
 #include "kavrel/error.h"
 
 namespace kavrel::xml::detail {
-namespace {
 
-[[noreturn]] void invalid(std::string description) {
-  throw Error(kErrInvalidArgument, "", std::move(description));
-}
+void invalid(std::string description) { throw Error(kErrInvalidArgument, "", std::move(description)); }
+
+namespace {
 
 [[noreturn]] void outOfOrder(const char* operation) {
   invalid(std::string(operation) +

@@ -19,6 +19,9 @@
 
 namespace kavrel::xml::detail {
 
+// The backend's refusal of a bad call: kavrel::Error 5 with that description.
+[[noreturn]] void invalid(std::string description);
+
 class XmlStream {
  public:
   // Where a handle points: the node's number in the document (1 is the
