@@ -176,6 +176,7 @@ bool TargetItem::dbReadTargetAll(db::Connection& conn, int32_t address, int32_t 
   trap([&] {
     release(Categories_);
     Categories_ = std::make_shared<CategoryItems>();
+    Categories_->dbReadAll(conn, self);
   });
   ValueChanged_ = false;
   return true;
@@ -200,6 +201,7 @@ void TargetItem::dbReadTargetAllKVR(db::Connection& conn, int32_t address, int32
   Requests_->dbReadKVR(conn, self);
   release(Categories_);
   Categories_ = std::make_shared<CategoryItems>();
+  Categories_->dbReadKVR(conn, self);
   ValueChanged_ = false;
 }
 
@@ -311,6 +313,7 @@ void TargetItem::dbInsertTargetAll(db::Connection& conn) {
   if (datas_) trap([&] { datas_->DbInsertAll(conn); });
   if (Requests_) trap([&] { Requests_->DbInsertAll(conn, Address_, targetid_); });
   if (Organes_) trap([&] { Organes_->DbInsertAll(conn, Address_, targetid_); });
+  if (Categories_) trap([&] { Categories_->DbInsertAll(conn); });
   tx.commit();
   restore.committed = true;
   ValueChanged_ = false;
@@ -346,6 +349,7 @@ xml::Node TargetItem::createXMLnode(xml::Document& odoc, xml::Node parent) {
   if (Categories_) {
     xml::Node categories = addLine(el, "ds:Categories");
     if (session && !session->xmlScreenSchema().empty()) categories.setAttribute("xmlns", session->xmlScreenSchema());
+    Categories_->createXMLnode(odoc, categories);
   }
   target::endLines(el);
   return el;
@@ -438,11 +442,10 @@ void TargetItem::loadXml(xml::Document& odoc, xml::Node node) {
     Organes_ = std::make_shared<OrganeItems>();
     Organes_->loadXml(odoc, devicesEl, self);
   }
-  // Screens are not modelled yet: the element still gives the (empty)
-  // collection, so that the document writes it back as it was.
   if (xml::Node categoriesEl = t.child("ds:Categories"); !categoriesEl.isNull()) {
     release(Categories_);
     Categories_ = std::make_shared<CategoryItems>();
+    Categories_->loadXml(odoc, categoriesEl, self);
   }
   if (xml::Node autoIdentsEl = t.child("AutoIdents"); !autoIdentsEl.isNull()) {
     if (AutoIdents_) {

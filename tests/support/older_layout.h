@@ -10,7 +10,8 @@
 // data item in a request (Start, Length, Masque, NumBitFort, NumBitFaible),
 // so a [Data Name] may repeat; Cibles has no Langue / [Référence], Fonctions
 // no XId / RId, [Paramètres UCE] no failure type, Reprogrammable or date.
-// Identification, the organ and screen tables, [Type Organe], [Type Panne],
+// The screen tables have the current columns, except Affichages, which has
+// no [Type Affich]. Identification, the organ tables, [Type Organe], [Type Panne],
 // [Appartenance cible], [Emplacement Donnée] and Donnée_Ref are absent (no
 // reader of that layout needs them).
 #pragma once
@@ -51,7 +52,26 @@ struct OlderLayoutDb {
              "CREATE INDEX [Données by target] ON Données ([Target Id], [Data Name])",
              "CREATE TABLE [Fiches Diag] ([Data Id] INTEGER PRIMARY KEY, Fiche TEXT)",
              "CREATE TABLE Listes ([Data Id] INTEGER, Valeur INTEGER, Numérique INTEGER, Liste INTEGER, "
-             "Libellé TEXT, Info TEXT)"})
+             "Libellé TEXT, Info TEXT)",
+             "CREATE TABLE Catégories ([Category Id] INTEGER PRIMARY KEY AUTOINCREMENT, [Target Id] INTEGER, "
+             "[Category Name] TEXT)",
+             "CREATE TABLE Ecrans ([Screen Id] INTEGER PRIMARY KEY AUTOINCREMENT, [Target Id] INTEGER, "
+             "[Category Id] INTEGER, [Screen Name] TEXT, [Init Id] INTEGER, WindowState INTEGER, Height INTEGER, "
+             "Width INTEGER, ScreenColor INTEGER)",
+             "CREATE TABLE Titres ([Label Id] INTEGER PRIMARY KEY AUTOINCREMENT, [Target Id] INTEGER, "
+             "[Screen Id] INTEGER, [Text] TEXT, [Left] INTEGER, [Top] INTEGER, Height INTEGER, Width INTEGER, "
+             "FontName TEXT, FontSize REAL, FontBold INTEGER, FontItalic INTEGER, FontColor INTEGER, Color INTEGER, "
+             "Alignment INTEGER)",
+             "CREATE TABLE Boutons ([Button Id] INTEGER PRIMARY KEY AUTOINCREMENT, [Target Id] INTEGER, "
+             "[Screen Id] INTEGER, Caption TEXT, [Left] INTEGER, [Top] INTEGER, Height INTEGER, Width INTEGER, "
+             "FontName TEXT, FontSize REAL, FontBold INTEGER, FontItalic INTEGER, Message TEXT)",
+             "CREATE TABLE Scenarios ([Target Id] INTEGER, [Button Id] INTEGER, [Index] INTEGER, Address INTEGER, "
+             "[Ecu Id] INTEGER, [Request Name] TEXT, LgVariable INTEGER, Delay INTEGER)",
+             // No [Type Affich]: that layout tells a display's kind by its links.
+             "CREATE TABLE Affichages ([Display Id] INTEGER PRIMARY KEY AUTOINCREMENT, [Target Id] INTEGER, "
+             "[Screen Id] INTEGER, [Left] INTEGER, [Top] INTEGER, Height INTEGER, Width INTEGER, "
+             "CaptionWidth INTEGER, FontName TEXT, FontSize INTEGER, FontBold INTEGER, FontItalic INTEGER, "
+             "FontColor INTEGER, Color INTEGER)"})
       conn->execute(statement);
     tx.commit();
   }
