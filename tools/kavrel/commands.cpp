@@ -147,12 +147,30 @@ void verifyStored(db::Connection& conn, const TargetItem& t) {
   int64_t positions = 0;
   if (t.Requests())
     for (const auto& r : *t.Requests()) positions += countIn(r->DataPositions());
+  int64_t screens = 0, labels = 0, buttons = 0, steps = 0;
+  if (t.Categories())
+    for (const auto& c : *t.Categories()) {
+      if (!c->Screens()) continue;
+      for (const auto& s : *c->Screens()) {
+        ++screens;
+        labels += countIn(s->LabelItems());
+        buttons += countIn(s->ButtonItems());
+        if (s->ButtonItems())
+          for (const auto& b : *s->ButtonItems())
+            if (b->hasScenarioItems()) steps += b->ScenarioItems()->Count();
+      }
+    }
   const Check checks[] = {
       {"requests", "Requêtes", countIn(t.Requests())},
       {"data items", "Données", countIn(t.datas())},
       {"data positions", "[Emplacement Donnée]", positions},
       {"devices", "Organes", countIn(t.Organes())},
       {"identification entries", "Identification", countIn(t.AutoIdents())},
+      {"screen categories", "Catégories", countIn(t.Categories())},
+      {"screens", "Ecrans", screens},
+      {"labels", "Titres", labels},
+      {"buttons", "Boutons", buttons},
+      {"scenario steps", "Scenarios", steps},
   };
   for (const auto& c : checks) {
     const int64_t stored = countOf(conn, c.table, t.targetid());

@@ -273,11 +273,12 @@ CREATE TABLE Ecrans (
 );
 CREATE INDEX [Ecrans by target] ON Ecrans ([Target Id]);
 
--- Labels, buttons and displays keep their screen from being deleted.
+-- Labels and buttons (with their scenario steps) go with their screen;
+-- displays keep it from being deleted.
 CREATE TABLE Titres (
   [Label Id]  INTEGER PRIMARY KEY AUTOINCREMENT,
   [Target Id] INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
-  [Screen Id] INTEGER NOT NULL REFERENCES Ecrans ([Screen Id]) ON DELETE NO ACTION,
+  [Screen Id] INTEGER NOT NULL REFERENCES Ecrans ([Screen Id]) ON DELETE CASCADE,
   [Text]      TEXT,
   [Left]      INTEGER,
   [Top]       INTEGER,
@@ -297,7 +298,7 @@ CREATE INDEX [Titres by target] ON Titres ([Target Id]);
 CREATE TABLE Boutons (
   [Button Id] INTEGER PRIMARY KEY AUTOINCREMENT,
   [Target Id] INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
-  [Screen Id] INTEGER NOT NULL REFERENCES Ecrans ([Screen Id]) ON DELETE NO ACTION,
+  [Screen Id] INTEGER NOT NULL REFERENCES Ecrans ([Screen Id]) ON DELETE CASCADE,
   Caption     TEXT,
   [Left]      INTEGER,
   [Top]       INTEGER,
