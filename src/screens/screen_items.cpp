@@ -152,7 +152,16 @@ void ScreenItem::createXMLnode(xml::Document& odoc, xml::Node reqNode) {
   reqNode.setAttribute("Width", num(ScreenWidth_));
   reqNode.setAttribute("Height", num(ScreenHeight_));
   if (LabelItems_) LabelItems_->createXMLnode(odoc, reqNode);
-  if (auto init = ButtonInit()) {
+  // The initial button as an import will see it again: ButtonInit, else the
+  // first button marked InitButton.
+  auto init = ButtonInit();
+  if (!init && ButtonItems_)
+    for (const auto& b : *ButtonItems_)
+      if (b->InitButton()) {
+        init = b;
+        break;
+      }
+  if (init) {
     if (!init->Message().empty()) {
       reqNode.appendText("\n");
       reqNode.appendElement("Message").setAttribute("Text", init->Message());

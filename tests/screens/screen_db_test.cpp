@@ -12,26 +12,6 @@
 namespace kavrel {
 namespace {
 
-// What buildTree() reads back: categories and screens by name, labels by
-// text, buttons by caption, steps by index; the initial button resolved.
-const char* const kStoredTree =
-    "C Carrosserie\n"
-    " S Vide|0|600|400|16777215|init=-\n"
-    "C Moteur\n"
-    " S Alpha|0|600|400|16777215|init=-\n"
-    "  B Seul|0,0,0,0|| 12|00||\n"
-    " S Réglages|2|800|640|15790320|init=Départ\n"
-    "  L |0,0,0,0|| 0|00|0|0|0\n"
-    "  L Avant|0,0,0,0|| 0|00|0|0|0\n"
-    "  L Zone d'\"essai\" é|1,2,3,4|Arial| 8.25|10|255|65280|2\n"
-    "  B |0,0,0,0|| 12|00||\n"
-    "  B Départ|0,0,0,0|| 12|00|Contact mis|init\n"
-    "   > 0 Lecture 250\n"
-    "  B Lancer l'essai|10,20,30,40|Tahoma| 9.75|01|Moteur \"chaud\" ? l'essai dure 5 s|\n"
-    "   > 0 Ecriture 'rapide' 500\n"
-    "   > 1 Lecture 0\n"
-    "   > 2 Ecriture 'rapide' 1000\n";
-
 class ScreenDb : public ::testing::Test {
  protected:
   void SetUp() override { t.buildTree(); }
@@ -73,12 +53,12 @@ TEST_F(ScreenDb, BulkInsertThenBothReadPathsGiveTheTreeInItsOrders) {
   EXPECT_EQ(t.count("SELECT count(*) FROM Scenarios WHERE Address=122 AND [Ecu Id]=" + t.tid()), 4);
 
   auto whole = readAll();
-  EXPECT_EQ(test::describe(*whole), kStoredTree);
+  EXPECT_EQ(test::describe(*whole), test::kStoredTree);
   // Screen by screen, through the collections' own reads, the same tree.
   auto byScreen = std::make_shared<CategoryItems>();
   byScreen->DbRead(conn, target);
   for (const auto& c : *byScreen) c->Screens()->dbReadAll(conn, target->targetid(), c);
-  EXPECT_EQ(test::describe(*byScreen), kStoredTree);
+  EXPECT_EQ(test::describe(*byScreen), test::kStoredTree);
   // One screen alone.
   auto one = std::make_shared<ScreenItem>();
   auto moteur = byScreen->ItemName("Moteur");
@@ -92,7 +72,7 @@ TEST_F(ScreenDb, BulkInsertThenBothReadPathsGiveTheTreeInItsOrders) {
 
 TEST_F(ScreenDb, ItemByItemInsertStoresTheSameTree) {
   for (const auto& c : *target->Categories()) c->DbInsertAll(conn);
-  EXPECT_EQ(test::describe(*readAll()), kStoredTree);
+  EXPECT_EQ(test::describe(*readAll()), test::kStoredTree);
   // A screen whose initial button is only named by an id from elsewhere
   // is stored with the new id of that button.
   auto c = t.addCategory("Autre");

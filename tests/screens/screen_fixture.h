@@ -117,14 +117,35 @@ class ScreenTarget : public StoredTarget {
     addStep(go, "Ecriture 'rapide'", 1000);
     auto init = addButton(reglages, "Départ");
     init->setInitButton(true);
+    reglages->setButtonInit(init);
     init->setMessage("Contact mis");
     addStep(init, "Lecture", 250);
-    addButton(reglages, "");  // empty caption, font name and message
+    addButton(reglages, "")->ScenarioItems();  // empty caption, font name, message and scenario
     auto alpha = addScreen(moteur, "Alpha");
     addButton(alpha, "Seul")->ScenarioItems();
     auto carrosserie = addCategory("Carrosserie");
     addScreen(carrosserie, "Vide");
   }
 };
+
+// What buildTree() reads back: categories and screens by name, labels by
+// text, buttons by caption, steps by index; the initial button resolved.
+inline const char* const kStoredTree =
+    "C Carrosserie\n"
+    " S Vide|0|600|400|16777215|init=-\n"
+    "C Moteur\n"
+    " S Alpha|0|600|400|16777215|init=-\n"
+    "  B Seul|0,0,0,0|| 12|00||\n"
+    " S Réglages|2|800|640|15790320|init=Départ\n"
+    "  L |0,0,0,0|| 0|00|0|0|0\n"
+    "  L Avant|0,0,0,0|| 0|00|0|0|0\n"
+    "  L Zone d'\"essai\" é|1,2,3,4|Arial| 8.25|10|255|65280|2\n"
+    "  B |0,0,0,0|| 12|00||\n"
+    "  B Départ|0,0,0,0|| 12|00|Contact mis|init\n"
+    "   > 0 Lecture 250\n"
+    "  B Lancer l'essai|10,20,30,40|Tahoma| 9.75|01|Moteur \"chaud\" ? l'essai dure 5 s|\n"
+    "   > 0 Ecriture 'rapide' 500\n"
+    "   > 1 Lecture 0\n"
+    "   > 2 Ecriture 'rapide' 1000\n";
 
 }  // namespace kavrel::test
