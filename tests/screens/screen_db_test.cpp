@@ -8,6 +8,7 @@
 #include "kavrel/kavrel.h"
 #include "screens/screen_fixture.h"
 #include "support/checks.h"
+#include "support/older_layout.h"
 
 namespace kavrel {
 namespace {
@@ -264,6 +265,34 @@ TEST_F(ScreenDb, DefaultsAndErrorsOfSingleItems) {
   auto lone = std::make_shared<ScreenItems>();
   lone->Add(0, "Seul");
   EXPECT_TRUE(test::throws([&] { lone->DbInsertAll(reopened); }, 100, "Parent not defined"));
+}
+
+TEST(ScreenOlderLayout, TheWholeTargetReadTakesTheScreenTree) {
+  test::OlderLayoutDb old;
+  for (const char* sql : {
+           "INSERT INTO Cibles (Address, [Target Name]) VALUES (122, 'ABS old')",
+           "INSERT INTO [Paramètres UCE] ([Ecu Id], [Init Mode], [Baud Rate], Multipoint, [Little Endian]) "
+           "VALUES (1, 0, 4800, 0, 0)",
+           "INSERT INTO Requêtes (Address, [Target Id], [Request Name]) VALUES (122, 1, 'Lecture')",
+           "INSERT INTO Catégories ([Target Id], [Category Name]) VALUES (1, 'Z')",
+           "INSERT INTO Catégories ([Target Id], [Category Name]) VALUES (1, 'A')",
+           "INSERT INTO Ecrans ([Target Id], [Category Id], [Screen Name], [Init Id], Width) VALUES (1, 2, 'E', 2, 700)",
+           "INSERT INTO Titres ([Target Id], [Screen Id], [Text], FontSize) VALUES (1, 1, 'T', 8.25)",
+           "INSERT INTO Boutons ([Target Id], [Screen Id], Caption) VALUES (1, 1, 'b')",
+           "INSERT INTO Boutons ([Target Id], [Screen Id], Caption, Message) VALUES (1, 1, 'a', 'm')",
+           "INSERT INTO Scenarios VALUES (1, 2, 3, 122, 1, 'Lecture', 0, 40)"})
+    old.conn->execute(sql);
+  auto t = TargetItem::create();
+  t->dbReadTargetAllKVR(*old.conn, 122, 1);
+  ASSERT_TRUE(t->Categories());
+  EXPECT_EQ(test::describe(*t->Categories()),
+            "C A\n"
+            " S E|0|700|400|16777215|init=a\n"
+            "  L T|0,0,0,0|| 8.25|00|0|0|0\n"
+            "  B a|0,0,0,0|| 12|00|m|init\n"
+            "   > 3 Lecture 40\n"
+            "  B b|0,0,0,0|| 12|00||\n"
+            "C Z\n");
 }
 
 }  // namespace
