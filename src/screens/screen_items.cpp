@@ -176,7 +176,7 @@ void ScreenItem::createXMLnode(xml::Document& odoc, xml::Node reqNode) {
 }
 
 void ScreenItem::loadXml(xml::Document& odoc, xml::Node parNode) {
-  auto self = shared_from_this();
+  auto self = weak_from_this().lock();
   const std::optional<std::string> name = parNode.attribute("Name");
   if (name) screenName_ = *name;
   screens::attrInt(parNode, "WindowState", WindowState_);
@@ -244,7 +244,7 @@ void ScreenItem::DbRead(db::Connection& conn, const std::shared_ptr<CategoryItem
 
 void ScreenItem::dbReadAll(db::Connection& conn, const std::shared_ptr<CategoryItem>& category, int32_t screenId) {
   DbRead(conn, category, screenId);
-  auto self = shared_from_this();
+  auto self = weak_from_this().lock();
   const int32_t targetid = requireTargetId();
   // The contents are read afresh.
   clearAndDrop(LabelItems_);
