@@ -306,16 +306,14 @@ void TargetItem::dbInsertTargetAll(db::Connection& conn) {
     }
   }
   // The collections' failures are left pending and do not stop the others;
-  // a fault of the engine or the disk is no such failure: it rolls the
-  // whole insert back and reaches the caller.
+  // a fault of the engine or the disk (or running out of memory) is no such
+  // failure: it rolls the whole insert back and reaches the caller.
   const auto collection = [](auto&& write) {
     try {
       write();
     } catch (const Error& e) {
       if (!db::isRowRefusal(e)) throw;
       recordError(e);
-    } catch (const std::exception& e) {
-      recordError(kErrUnexpected, "", e.what());
     }
   };
   if (AutoIdents_)
