@@ -12,6 +12,13 @@
 // import and its floor both start on memory the process has not touched.
 //
 // Usage: kavrel_bench [S|M|L|all] [--work DIR] [--repeat N] [--markdown]
+//        kavrel_bench big [--mb N] [--work DIR]
+//   big          imports and stores (as `kavrel import` does) two documents
+//                of about N MB (default 200) and a quarter of that, each in
+//                a fresh process: a synthetic target, and a target padded
+//                with empty elements; prints time, peak memory and peak
+//                memory per byte of document (the bound is 4 plus a
+//                constant), and the time growth from N/4 to N (4 is linear)
 //   all          every size, then the table (ratios, growth, peak memory)
 //   --repeat N   (with all) runs each size N times, each in a fresh process,
 //                and keeps the best time of each phase and of each floor:
@@ -272,6 +279,123 @@ struct Line {
   double t = 0, f = 0;
 };
 
+// ---- big documents: memory and time of a whole import against the size
+
+// Writes the synthetic target scaled to about `bytes` of document.
+void writeSyntheticDocument(const fs::path& work, const std::string& file, size_t bytes) {
+  const std::string parameters = std::string(KAVREL_SOURCE_DIR) + "/examples/parameters.xml";
+  const std::string probe = (work / "big_probe.xml").string();
+  auto make = [&](const kavrel::bench::SyntheticSize& size, const std::string& out) {
+    std::string dbGen = freshDatabase(work, "big_gen.db", parameters);
+    auto s = kavrel::KavrelDatabase::create();
+    s->DbOpen(dbGen);
+    s->DbRead();
+    kavrel::bench::buildSyntheticTarget(*s, size, s->functions()->Item(1)->Address());
+    s->ExportUceToXml(out);
+    s->DbClose();
+  };
+  make(kavrel::bench::sizeS(), probe);
+  const auto perS = static_cast<double>(fs::file_size(probe));
+  const int factor = std::max(1, static_cast<int>(static_cast<double>(bytes) / perS + 0.5));
+  make(kavrel::bench::scaled(kavrel::bench::sizeS(), factor, "Big"), file);
+  fs::remove(probe);
+}
+
+// The example target with `bytes` of empty elements among its children.
+void writePaddedDocument(const std::string& file, size_t bytes) {
+  std::FILE* in = std::fopen((std::string(KAVREL_SOURCE_DIR) + "/examples/can_target.xml").c_str(), "rb");
+  std::string text;
+  char buffer[65536];
+  size_t got;
+  while (in != nullptr && (got = std::fread(buffer, 1, sizeof buffer, in)) > 0) text.append(buffer, got);
+  if (in != nullptr) std::fclose(in);
+  const size_t at = text.find("<Datas>");
+  std::FILE* out = std::fopen(file.c_str(), "wb");
+  if (out == nullptr || at == std::string::npos) std::exit(3);
+  std::fwrite(text.data(), 1, at, out);
+  const std::string block = [] {
+    std::string b;
+    for (int i = 0; i < 16384; ++i) b += "<e/>";
+    return b;
+  }();
+  for (size_t written = 0; written < bytes; written += block.size()) std::fwrite(block.data(), 1, block.size(), out);
+  std::fwrite(text.data() + at, 1, text.size() - at, out);
+  std::fclose(out);
+}
+
+struct ChildCost {
+  double seconds = 0;     // wall time
+  double cpuSeconds = 0;  // user and system time: steadier on a shared machine
+  long peakKiB = 0;
+};
+
+// Runs `f` in a child process and measures it.
+ChildCost measuredChild(const std::function<int()>& f) {
+  std::fflush(stdout);
+  const auto t0 = Clock::now();
+  const pid_t pid = fork();
+  if (pid == 0) _exit(f());
+  int status = 0;
+  rusage ru{};
+  if (pid < 0 || wait4(pid, &status, 0, &ru) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    std::fprintf(stderr, "the measured import failed\n");
+    std::exit(1);
+  }
+  const auto secondsOf = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+  return {msSince(t0) / 1000.0, secondsOf(ru.ru_utime) + secondsOf(ru.ru_stime), ru.ru_maxrss};
+}
+
+int runBig(const fs::path& work, size_t megabytes) {
+  fs::create_directories(work);
+  const std::string parameters = std::string(KAVREL_SOURCE_DIR) + "/examples/parameters.xml";
+  std::printf("%-10s %8s %9s %9s %9s %11s\n", "document", "MB", "time s", "cpu s", "peak MiB", "peak/size");
+  std::map<std::string, double> times[2];
+  int round = 0;
+  for (const size_t mb : {megabytes / 4, megabytes}) {
+    for (const char* kind : {"synthetic", "padded"}) {
+      const std::string file = (work / (std::string("big_") + kind + ".xml")).string();
+      // Written by a child, so that the measured process starts clean.
+      measuredChild([&] {
+        if (std::string(kind) == "synthetic")
+          writeSyntheticDocument(work, file, mb << 20);
+        else
+          writePaddedDocument(file, mb << 20);
+        return 0;
+      });
+      const std::string db = freshDatabase(work, "big.db", parameters);
+      long importPeak = 0;
+      const ChildCost cost = measuredChild([&] {
+        auto s = kavrel::KavrelDatabase::create();
+        s->DbOpen(db);
+        s->DbRead();
+        try {
+          s->ImportUceFromXml(file);
+          importPeak = peakKiB();
+          kavrel::db::Transaction tx(*s->DbConnection());
+          s->ActiveTarget()->dbInsertTargetAll(*s->DbConnection());
+          tx.commit();
+        } catch (const kavrel::Error& e) {
+          std::fprintf(stderr, "%s\n", e.what());
+          return 1;
+        }
+        s->DbClose();
+        std::fprintf(stderr, "  (%s: peak after parsing and reading alone %.1f MiB)\n", kind, importPeak / 1024.0);
+        return 0;
+      });
+      const double size = static_cast<double>(fs::file_size(file));
+      std::printf("%-10s %8.1f %9.2f %9.2f %9.1f %11.2f\n", kind, size / 1048576.0, cost.seconds, cost.cpuSeconds,
+                  cost.peakKiB / 1024.0, cost.peakKiB * 1024.0 / size);
+      times[round][kind] = cost.cpuSeconds;
+      fs::remove(file);
+      fs::remove(db);
+    }
+    ++round;
+  }
+  std::printf("cpu time growth from a quarter of the size (4 is linear): synthetic %.2f, padded %.2f\n",
+              times[1]["synthetic"] / times[0]["synthetic"], times[1]["padded"] / times[0]["padded"]);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -279,17 +403,22 @@ int main(int argc, char** argv) {
   fs::path work = fs::temp_directory_path() / "kavrel_bench";
   int repeat = 1;
   bool markdown = false;
+  size_t bigMegabytes = 200;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     if (a == "--work" && i + 1 < argc) work = argv[++i];
+    else if (a == "--mb" && i + 1 < argc) bigMegabytes = static_cast<size_t>(std::max(4, std::atoi(argv[++i])));
+    else if (a == "big") which = a;
     else if (a == "--repeat" && i + 1 < argc) repeat = std::max(1, std::atoi(argv[++i]));
     else if (a == "--markdown") markdown = true;
     else if (a == "S" || a == "M" || a == "L" || a == "all") which = a;
     else {
-      std::fprintf(stderr, "usage: kavrel_bench [S|M|L|all] [--work DIR] [--repeat N] [--markdown]\n");
+      std::fprintf(stderr, "usage: kavrel_bench [S|M|L|all] [--work DIR] [--repeat N] [--markdown]\n"
+                           "       kavrel_bench big [--mb N] [--work DIR]\n");
       return 2;
     }
   }
+  if (which == "big") return runBig(work, bigMegabytes);
   const auto s = kavrel::bench::sizeS();
   std::map<std::string, kavrel::bench::SyntheticSize> sizes = {
       {"S", s}, {"M", kavrel::bench::scaled(s, 10, "M")}, {"L", kavrel::bench::scaled(s, 30, "L")}};

@@ -74,7 +74,9 @@ struct ErrorRecord {
   std::string reportedSource() const { return source.empty() ? kLibraryName : source; }
 };
 
-// The calling thread's last-error record (read/write).
+// The calling thread's last-error record (read/write). It can be used for
+// the whole life of the thread, destructors run at thread or process exit
+// included (a static session closing after an error was recorded).
 ErrorRecord& lastError() noexcept;
 void clearLastError() noexcept;
 void recordError(int32_t number, std::string source, std::string description);

@@ -4,10 +4,12 @@
 
 #include <cctype>
 #include <charconv>
+#include <cerrno>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <limits>
 #include <optional>
@@ -212,6 +214,8 @@ constexpr int32_t kErrBadConnectionString = 3001;
 constexpr int32_t kErrFileNotFound = 53;
 // Data-link files naming each other are followed this deep.
 constexpr int kMaxLinkDepth = 8;
+// A data-link file is a few lines: anything larger is not one.
+constexpr size_t kMaxDataLinkBytes = 1 << 20;
 
 [[noreturn]] void connectionError(int32_t number, const std::string& description) {
   throw DbError(number, kConnectionSource, description, 0, description);
@@ -291,9 +295,28 @@ std::string readDataLink(const std::string& path) {
   if (!std::filesystem::exists(path, ec)) {
     connectionError(kErrFileNotFound, "Cannot open the data link file '" + path + "': the file does not exist");
   }
-  std::ifstream in(path, std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (!in.good() && !in.eof()) connectionError(kErrFile, "Cannot read the data link file '" + path + "'");
+  // Read with the C library: a stream reading a folder (or failing midway)
+  // throws its own exception type, which must not escape as anything but a
+  // numbered error.
+  if (std::filesystem::is_directory(path, ec))
+    connectionError(kErrFile, "Cannot read the data link file '" + path + "': it is a folder");
+  std::string bytes;
+  std::FILE* f = std::fopen(path.c_str(), "rb");
+  bool failed = f == nullptr;
+  int err = errno;
+  if (f != nullptr) {
+    char buffer[4096];
+    size_t got;
+    while ((got = std::fread(buffer, 1, sizeof buffer, f)) > 0 && bytes.size() <= kMaxDataLinkBytes)
+      bytes.append(buffer, got);
+    failed = std::ferror(f) != 0;
+    err = errno;
+    std::fclose(f);
+  }
+  if (failed)
+    connectionError(kErrFile, "Cannot read the data link file '" + path + "': " + std::strerror(err));
+  if (bytes.size() > kMaxDataLinkBytes)
+    connectionError(kErrFile, "The data link file '" + path + "' is too large to be one");
   std::string text;
   if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF && static_cast<unsigned char>(bytes[1]) == 0xFE) {
     text = utf16ToUtf8(std::string_view(bytes).substr(2), true);

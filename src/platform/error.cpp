@@ -13,7 +13,35 @@ const std::string& libraryNameString() {
   return name;
 }
 
-thread_local ErrorRecord tlsLastError;
+// The calling thread's record lives on the heap, reached through a
+// trivially destructible pointer, so it can be used at any point of the
+// thread's life: a session held by a static or by another thread_local may
+// be destroyed (and clear the record) after this file's thread_local owner
+// has gone. The owner frees the record when the thread ends; a record asked
+// for after that is made again and lives until the process ends (it stays
+// reachable from the pointer, and this happens at most once per thread).
+thread_local ErrorRecord* tlsRecord = nullptr;
+thread_local bool tlsOwnerGone = false;
+
+struct RecordOwner {
+  RecordOwner() noexcept = default;
+  ~RecordOwner() {
+    delete tlsRecord;
+    tlsRecord = nullptr;
+    tlsOwnerGone = true;
+  }
+};
+thread_local RecordOwner tlsOwner;
+
+ErrorRecord& threadRecord() noexcept {
+  if (tlsRecord == nullptr) {
+    // Touching the owner registers its destructor for this thread (never
+    // again once it has run).
+    if (!tlsOwnerGone) (void)&tlsOwner;
+    tlsRecord = new ErrorRecord();
+  }
+  return *tlsRecord;
+}
 
 }  // namespace
 
@@ -33,18 +61,20 @@ DbError::DbError(int32_t number, std::string source, std::string description, in
       backendCode_(backendCode),
       backendMessage_(std::move(backendMessage)) {}
 
-ErrorRecord& lastError() noexcept { return tlsLastError; }
+ErrorRecord& lastError() noexcept { return threadRecord(); }
 
 void clearLastError() noexcept {
-  tlsLastError.number = 0;
-  tlsLastError.source.clear();
-  tlsLastError.description.clear();
+  ErrorRecord& r = threadRecord();
+  r.number = 0;
+  r.source.clear();
+  r.description.clear();
 }
 
 void recordError(int32_t number, std::string source, std::string description) {
-  tlsLastError.number = number;
-  tlsLastError.source = std::move(source);
-  tlsLastError.description = std::move(description);
+  ErrorRecord& r = threadRecord();
+  r.number = number;
+  r.source = std::move(source);
+  r.description = std::move(description);
 }
 
 void recordError(const Error& e) { recordError(e.number(), e.rawSource(), e.description()); }
@@ -54,7 +84,7 @@ void raise(int32_t number, std::string source, std::string description) {
 }
 
 void raisePending() {
-  const ErrorRecord& r = tlsLastError;
+  const ErrorRecord& r = threadRecord();
   throw Error(r.number, r.source, r.description);
 }
 

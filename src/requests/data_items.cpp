@@ -17,6 +17,18 @@ namespace kavrel {
 namespace {
 
 constexpr size_t kMaxDataName = 70;
+
+// A coefficient read as far as it is a number; one too large for a double
+// (it would be stored as infinity and written back as a text that reads 0)
+// is refused, naming where it stands.
+double finiteNumber(std::string_view v, const char* element, const char* attribute, const std::string& data) {
+  const double x = text::val(v);
+  if (!std::isfinite(x))
+    raise(kErrOverflow, "DataItem.loadXml",
+          "Number out of range in attribute \"" + std::string(attribute) + "\" of element \"" + element +
+              "\" of data '" + data + "': \"" + std::string(v) + "\"");
+  return x;
+}
 // Labels the bulk insert stores whole; longer ones are shortened to this.
 constexpr size_t kMaxBulkLabel = 70;
 constexpr const char* kCorrectionClass = "Read Kavrel97 Data auto-correct";
@@ -250,13 +262,13 @@ void DataItem::loadXml(xml::Document& odoc, xml::Node parNode) {
     if (scaled) {
       const xml::Attributes scaledAttributes = scaled.attributes();
       trap([&] {
-        if (auto v = scaledAttributes.get("Step")) CoeffA_ = text::val(*v);
+        if (auto v = scaledAttributes.get("Step")) CoeffA_ = finiteNumber(*v, "Scaled", "Step", dataname_);
       });
       trap([&] {
-        if (auto v = scaledAttributes.get("Offset")) CoeffB_ = text::val(*v);
+        if (auto v = scaledAttributes.get("Offset")) CoeffB_ = finiteNumber(*v, "Scaled", "Offset", dataname_);
       });
       trap([&] {
-        if (auto v = scaledAttributes.get("DivideBy")) CoeffC_ = text::val(*v);
+        if (auto v = scaledAttributes.get("DivideBy")) CoeffC_ = finiteNumber(*v, "Scaled", "DivideBy", dataname_);
       });
       trap([&] {
         if (auto v = scaledAttributes.get("Unit")) Unite_ = std::string(*v);
@@ -288,7 +300,7 @@ void DataItem::loadXml(xml::Document& odoc, xml::Node parNode) {
       const char first = t.empty() ? '\0' : t.front();
       if (!((first >= '0' && first <= '9') || first == '.' || first == '-' || first == '+'))
         raise(kErrTypeMismatch, "", "Type mismatch");
-      NumberBits_ = roundToInt(text::val(t) * 8.0);
+      NumberBits_ = roundToInt(finiteNumber(t, "Bytes", "count", dataname_) * 8.0);
     });
     trap([&] {
       if (auto a = bytesAttributes.get("ascii")) Ascii_ = text::toBool(*a);
@@ -591,7 +603,9 @@ void DataItems::DbInsertAll(db::Connection& conn) {
       d->setId(dataRs->field("Data Id").toInt32());
     } catch (const Error& e) {
       // A refused row (a name already used, ...) is skipped; the others are
-      // stored and the first failure is reported at the end.
+      // stored and the first failure is reported at the end. A fault of the
+      // engine or the disk ends the insert.
+      if (!db::isRowRefusal(e)) throw;
       cancelQuietly(dataRs.get());
       host().logEvent(EventType::Error, "DataItems.DbInsertAll : data '" + d->dataname() + "' : " + e.description());
       remember(e);
@@ -619,7 +633,8 @@ void DataItems::DbInsertAll(db::Connection& conn) {
           listRs->setField("Info", textOrNull(e->Info()));
           listRs->update();
           e->setValueChanged(false);
-        } catch (const Error&) {
+        } catch (const Error& failure) {
+          if (!db::isRowRefusal(failure)) throw;
           host().messageBox("Erreur de doublon " + num(e->Valeur()) + " = " + label, kLibraryName,
                             MessageIcon::Exclamation);
           cancelQuietly(listRs.get());
@@ -631,6 +646,7 @@ void DataItems::DbInsertAll(db::Connection& conn) {
       try {
         ficheRs->addNew({"Data Id", "Fiche"}, {db::Value(d->id()), db::Value(d->Fiche())});
       } catch (const Error& e) {
+        if (!db::isRowRefusal(e)) throw;
         cancelQuietly(ficheRs.get());
         host().logEvent(EventType::Error,
                         "DataItems.DbInsertAll : sheet of '" + d->dataname() + "' : " + e.description());

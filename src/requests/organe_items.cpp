@@ -376,6 +376,7 @@ void OrganeItems::DbInsertAll(db::Connection& conn, int32_t Address, int32_t tar
       rs.update();
       return true;
     } catch (const Error& e) {
+      if (!db::isRowRefusal(e)) throw;  // a fault ends the insert
       try {
         rs.cancelUpdate();
       } catch (const Error&) {

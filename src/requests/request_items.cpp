@@ -392,7 +392,9 @@ void RequestItems::DbInsertAll(db::Connection& conn, int32_t Address, int32_t ta
   auto references = conn.openUpdatable(kReferenceColumns);
 
   // A refused row is logged and recorded; the others are still written.
+  // A fault of the engine or the disk is no refusal: it ends the insert.
   auto refused = [&](const std::string& what, const Error& e) {
+    if (!db::isRowRefusal(e)) throw;
     std::string text = "RequestItems.DbInsertAll : " + what + " not inserted : " + e.description();
     host().logEvent(EventType::Error, text);
     recordError(e.number(), "RequestItems.DbInsertAll", text);

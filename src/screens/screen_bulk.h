@@ -40,6 +40,9 @@ inline bool commitBulkRow(db::UpdatableRecordset& rs, std::string_view who, cons
     rs.update();
     return true;
   } catch (const Error& e) {
+    // Only a row the database's rules refuse is skipped; a fault of the
+    // engine or the disk ends the whole insert.
+    if (!db::isRowRefusal(e)) throw;
     try {
       rs.cancelUpdate();
     } catch (const Error&) {

@@ -307,13 +307,23 @@ void TargetItem::dbInsertTargetAll(db::Connection& conn) {
       target::rethrowWithPrefix(e, kParametersError);
     }
   }
-  // The collections' failures are left pending and do not stop the others.
+  // The collections' failures are left pending and do not stop the others;
+  // a fault of the engine or the disk (or running out of memory) is no such
+  // failure: it rolls the whole insert back and reaches the caller.
+  const auto collection = [](auto&& write) {
+    try {
+      write();
+    } catch (const Error& e) {
+      if (!db::isRowRefusal(e)) throw;
+      recordError(e);
+    }
+  };
   if (AutoIdents_)
-    for (const auto& entry : *AutoIdents_) trap([&] { entry->dbInsert(conn); });
-  if (datas_) trap([&] { datas_->DbInsertAll(conn); });
-  if (Requests_) trap([&] { Requests_->DbInsertAll(conn, Address_, targetid_); });
-  if (Organes_) trap([&] { Organes_->DbInsertAll(conn, Address_, targetid_); });
-  if (Categories_) trap([&] { Categories_->DbInsertAll(conn); });
+    for (const auto& entry : *AutoIdents_) collection([&] { entry->dbInsert(conn); });
+  if (datas_) collection([&] { datas_->DbInsertAll(conn); });
+  if (Requests_) collection([&] { Requests_->DbInsertAll(conn, Address_, targetid_); });
+  if (Organes_) collection([&] { Organes_->DbInsertAll(conn, Address_, targetid_); });
+  if (Categories_) collection([&] { Categories_->DbInsertAll(conn); });
   tx.commit();
   restore.committed = true;
   ValueChanged_ = false;

@@ -445,7 +445,9 @@ void readTimings(const xml::Node& el, int32_t& interByte, int32_t& replyToReques
 
 // The first line description among the target element's children.
 xml::Node lineElement(const xml::Node& targetEl) {
-  for (const xml::Node& c : targetEl.children()) {
+  // Walked in place: a list of every child would cost as much again as a
+  // target element with very many children.
+  for (xml::Node c = targetEl.firstChild(); c; c = c.nextSibling()) {
     if (c.type() != xml::NodeType::Element) continue;
     std::string n = c.name();
     if (n == "Protocol" || n == "K" || n == "CAN") return c;

@@ -80,6 +80,13 @@ TEST(DbConnection, DataLinkFilesInUtf16AndUtf8) {
   EXPECT_TRUE(refusedNaming("File name=" + dir.file("missing.udl"), dir.file("missing.udl")));
   writeBytes(dir.file("empty.udl"), "[oledb]\n; nothing follows\n");
   EXPECT_TRUE(refusedNaming("File name=" + dir.file("empty.udl"), dir.file("empty.udl")));
+  // A folder where a data-link file is expected (named .udl or not) and a
+  // file too large to be one are numbered errors, not stream exceptions.
+  std::filesystem::create_directory(dir.file("folder.udl"));
+  EXPECT_TRUE(refusedNaming("File name=" + dir.file("folder.udl"), "it is a folder"));
+  EXPECT_TRUE(refusedNaming("File name=" + dir.path().string(), dir.path().string()));
+  writeBytes(dir.file("huge.udl"), "[oledb]\n" + std::string(2 << 20, ';'));
+  EXPECT_TRUE(refusedNaming("File name=" + dir.file("huge.udl"), "too large"));
 }
 
 class TransactionTest : public ::testing::Test {

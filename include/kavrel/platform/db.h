@@ -139,8 +139,11 @@ class Connection {
   virtual void commit() = 0;
   virtual void rollback() = 0;
   virtual int transactionDepth() const = 0;
-  // Until the outermost transaction ends, relations between tables are
-  // checked at commit instead of after each statement.
+  // Until the current transaction level ends (the nested one it is called
+  // in, or the outermost), relations between tables are checked when that
+  // level commits instead of after each statement: a nested level that
+  // leaves them broken fails its commit (and stays open to be rolled back);
+  // the enclosing levels check after each statement again.
   virtual void deferConstraintChecks() = 0;
 
   // The errors of the last failing operation (newest last), like the legacy
@@ -153,6 +156,15 @@ class Connection {
   // What the connection was opened on (for messages).
   virtual std::string description() const = 0;
 };
+
+// Whether a failed write is a row refused by the database's rules (a
+// constraint: a name used twice, a link to a missing row; a value or text
+// the statement cannot take) or the library's own refusal of one item,
+// rather than a fault of the engine, the disk or the connection (I/O error,
+// disk full, out of memory, locked, read-only, corrupt). Bulk inserts drop
+// and report refused rows and go on; a fault ends them, with everything
+// they wrote rolled back.
+bool isRowRefusal(const Error& e);
 
 // Rolls back on destruction unless committed (nest freely).
 class Transaction {

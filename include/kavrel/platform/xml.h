@@ -167,7 +167,13 @@ class Document {
   Node appendElement(std::string_view name);
 
   // Loading replaces the content. On failure returns false and parseError()
-  // tells why (code != 0). The encoding is taken from the byte-order mark or
+  // tells why (code != 0) and where (line, column). A document may nest its
+  // elements as deep as it likes: loading, reading, discarding and freeing
+  // never recurse once per level. Characters an XML document may not hold
+  // (NUL and other control characters but tab, line feed and carriage
+  // return; surrogates; U+FFFE, U+FFFF), written raw or as character
+  // references, are refused, the reason naming the element and attribute
+  // (or the element whose text) that holds them. The encoding is taken from the byte-order mark or
   // the declaration (UTF-8, UTF-16, ISO-8859-1, windows-1252). The loaded
   // declaration is an "xml" processing instruction with its data as written.
   // Text nodes made only of white space are left out of the loaded tree

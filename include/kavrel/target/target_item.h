@@ -70,6 +70,11 @@ class TargetItem : public std::enable_shared_from_this<TargetItem> {
   void dbRename(db::Connection& conn, const std::string& newName);
   void dbInsert(db::Connection& conn);
   void dbInsertAppartenance(db::Connection& conn);
+  // Writes the whole tree in one transaction. Rows the database refuses by
+  // its rules inside the collections are dropped (logged, the last failure
+  // left pending) and the rest is stored; a fault of the engine or the disk
+  // (db::isRowRefusal false) at any step rolls everything back and is
+  // thrown: the database is then as before and the target still unsaved.
   void dbInsertTargetAll(db::Connection& conn);
   void dbReadTargetAllKVR(db::Connection& conn, int32_t address, int32_t targetid);
   bool dbReadKVR(db::Connection& conn, int32_t address, int32_t targetid);

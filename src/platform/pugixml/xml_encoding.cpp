@@ -2,9 +2,11 @@
 
 #include <array>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "kavrel/error.h"
 #include "kavrel/platform/text.h"
@@ -368,6 +370,171 @@ std::string encodeDocument(std::string_view utf8, Encoding encoding) {
     default:
       return encodeSingleByte(utf8, encoding);
   }
+}
+
+namespace {
+
+// The XML character production.
+bool isXmlChar(uint32_t c) {
+  return c == 0x9 || c == 0xA || c == 0xD || (c >= 0x20 && c <= 0xD7FF) || (c >= 0xE000 && c <= 0xFFFD) ||
+         (c >= 0x10000 && c <= 0x10FFFF);
+}
+
+// Skips from `i` (at "<!--", "<![CDATA[", "<?" or "<!") past the end of the
+// construct; returns the text's size when it is not closed.
+size_t skipLiteral(std::string_view t, size_t i) {
+  auto past = [&](std::string_view close) {
+    const size_t e = t.find(close, i);
+    return e == std::string_view::npos ? t.size() : e + close.size();
+  };
+  if (t.compare(i, 4, "<!--") == 0) return past("-->");
+  if (t.compare(i, 9, "<![CDATA[") == 0) return past("]]>");
+  if (t.compare(i, 2, "<?") == 0) return past("?>");
+  // A document type: its internal subset in brackets may hold '>'.
+  size_t k = i + 2;
+  int brackets = 0;
+  for (; k < t.size(); ++k) {
+    if (t[k] == '[') ++brackets;
+    if (t[k] == ']') --brackets;
+    if (t[k] == '>' && brackets <= 0) return k + 1;
+  }
+  return t.size();
+}
+
+bool isNameEnd(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '>' || c == '/' || c == '='; }
+
+// Where the byte at `offset` stands, for a message: walks the tags before
+// it with a stack of open elements (only on the path of a refused document).
+std::string placeOf(std::string_view t, size_t offset) {
+  std::vector<std::string_view> open;
+  size_t i = 0;
+  while (i < offset) {
+    if (t[i] != '<') {
+      ++i;
+      continue;
+    }
+    if (t.compare(i, 2, "<!") == 0 || t.compare(i, 2, "<?") == 0) {
+      const size_t end = skipLiteral(t, i);
+      if (end > offset) {
+        const bool cdata = t.compare(i, 9, "<![CDATA[") == 0;
+        const std::string inside = open.empty() ? "" : " of element \"" + std::string(open.back()) + "\"";
+        return cdata ? "in a CDATA section" + inside : "in a comment, instruction or document type" + inside;
+      }
+      i = end;
+      continue;
+    }
+    const bool closing = t.compare(i, 2, "</") == 0;
+    size_t n = i + (closing ? 2 : 1);
+    const size_t nameBegin = n;
+    while (n < t.size() && !isNameEnd(t[n])) ++n;
+    const std::string_view name = t.substr(nameBegin, n - nameBegin);
+    // The end of the tag, quotes respected.
+    char quote = 0;
+    size_t e = n;
+    for (; e < t.size(); ++e) {
+      if (quote != 0) {
+        if (t[e] == quote) quote = 0;
+      } else if (t[e] == '"' || t[e] == '\'') {
+        quote = t[e];
+      } else if (t[e] == '>') {
+        break;
+      }
+    }
+    if (e >= offset) {
+      // Inside this tag: the attribute is the name before the '=' that
+      // opens the value holding the offset.
+      size_t q = offset;
+      while (q > n && t[q] != '"' && t[q] != '\'') --q;
+      size_t a = q;
+      while (a > n && t[a - 1] != '=') --a;
+      if (a > n) --a;
+      while (a > n && (t[a - 1] == ' ' || t[a - 1] == '\t' || t[a - 1] == '\r' || t[a - 1] == '\n')) --a;
+      size_t b = a;
+      while (b > n && !(t[b - 1] == ' ' || t[b - 1] == '\t' || t[b - 1] == '\r' || t[b - 1] == '\n')) --b;
+      return "in attribute \"" + std::string(t.substr(b, a - b)) + "\" of element \"" + std::string(name) + "\"";
+    }
+    if (closing) {
+      if (!open.empty()) open.pop_back();
+    } else if (!(e > 0 && t[e - 1] == '/')) {
+      open.push_back(name);
+    }
+    i = e + 1;
+  }
+  return open.empty() ? "outside the root element" : "in the text of element \"" + std::string(open.back()) + "\"";
+}
+
+std::string codePointText(uint32_t c) {
+  char buffer[16];
+  std::snprintf(buffer, sizeof buffer, "U+%04X", static_cast<unsigned>(c));
+  return buffer;
+}
+
+}  // namespace
+
+bool checkXmlCharacters(std::string_view t, size_t& offset, std::string& reason) {
+  const auto refuse = [&](size_t at, std::string what) {
+    offset = at;
+    reason = std::move(what) + " " + placeOf(t, at) + " is not a character an XML document may hold";
+    return false;
+  };
+  size_t i = 0;
+  const size_t size = t.size();
+  while (i < size) {
+    const auto b = static_cast<unsigned char>(t[i]);
+    if (b >= 0x20 && b != '&' && b != '<' && b != 0xEF) {
+      ++i;
+      continue;
+    }
+    if (b < 0x20) {
+      if (b != '\t' && b != '\n' && b != '\r') return refuse(i, "The control character " + codePointText(b));
+      ++i;
+    } else if (b == 0xEF) {
+      // U+FFFE and U+FFFF (EF BF BE, EF BF BF); the text is valid UTF-8.
+      if (i + 2 < size && static_cast<unsigned char>(t[i + 1]) == 0xBF &&
+          (static_cast<unsigned char>(t[i + 2]) & 0xFE) == 0xBE)
+        return refuse(i, "The character " + codePointText(0xFFFEu + (static_cast<unsigned char>(t[i + 2]) & 1u)));
+      ++i;
+    } else if (b == '<') {
+      // Literal constructs: references there are text. Control characters
+      // are still looked for, so they are walked byte by byte.
+      if (i + 1 < size && (t[i + 1] == '!' || t[i + 1] == '?')) {
+        const size_t end = skipLiteral(t, i);
+        for (size_t k = i; k < end; ++k) {
+          const auto c = static_cast<unsigned char>(t[k]);
+          if (c < 0x20 && c != '\t' && c != '\n' && c != '\r')
+            return refuse(k, "The control character " + codePointText(c));
+        }
+        i = end;
+      } else {
+        ++i;
+      }
+    } else {  // '&'
+      if (i + 1 < size && t[i + 1] == '#') {
+        size_t k = i + 2;
+        const bool hexadecimal = k < size && t[k] == 'x';
+        if (hexadecimal) ++k;
+        uint32_t c = 0;
+        bool digits = false;
+        for (; k < size; ++k) {
+          const char d = t[k];
+          int v = -1;
+          if (d >= '0' && d <= '9') v = d - '0';
+          else if (hexadecimal && d >= 'a' && d <= 'f') v = d - 'a' + 10;
+          else if (hexadecimal && d >= 'A' && d <= 'F') v = d - 'A' + 10;
+          if (v < 0) break;
+          digits = true;
+          c = c > 0x10FFFF ? c : c * (hexadecimal ? 16 : 10) + static_cast<uint32_t>(v);
+        }
+        // A malformed reference is left to the parser's own message.
+        if (digits && k < size && t[k] == ';' && !isXmlChar(c))
+          return refuse(i, "The character reference \"" + std::string(t.substr(i, k + 1 - i)) + "\"");
+        i = k;
+      } else {
+        ++i;
+      }
+    }
+  }
+  return true;
 }
 
 void lineColumn(std::string_view utf8, size_t offset, long& line, long& column) {

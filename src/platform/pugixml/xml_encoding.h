@@ -47,6 +47,17 @@ Decoded decodeUtf8(std::string_view bytes);
 // as Latin-1 characters.
 std::string encodeDocument(std::string_view utf8, Encoding encoding);
 
+// Checks that the UTF-8 text of a document holds only characters an XML
+// document may hold, written or referred to ("&#0;", "&#xD800;", a raw
+// control character or U+FFFE are not): the parser would take them, and the
+// values made of them could neither be stored faithfully (a NUL ends a
+// value) nor written back. References inside CDATA sections, comments,
+// processing instructions and the document type are literal text and are
+// not read. Returns true when the text is clean; else false with the byte
+// offset of the fault and a reason naming the character and where it
+// stands (element and attribute, or the element whose text holds it).
+bool checkXmlCharacters(std::string_view utf8, size_t& offset, std::string& reason);
+
 // Line and column (1-based, column in characters) of a byte offset in UTF-8 text.
 void lineColumn(std::string_view utf8, size_t offset, long& line, long& column);
 

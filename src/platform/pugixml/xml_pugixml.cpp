@@ -216,6 +216,24 @@ std::string descendantText(const pugi::xml_node& top) {
   return out;
 }
 
+// Removes a node and what it holds without recursion: the parser frees a
+// subtree by recursing once per level, which overflows the stack on an
+// element nested a few hundred thousand levels deep (a document may nest
+// as deep as it likes). The deepest nodes go first, each removed once it
+// has no children left, so every removal is one level deep. Linear in the
+// size of the subtree.
+void removeSubtree(pugi::xml_node top) {
+  pugi::xml_node n = top;
+  for (;;) {
+    while (pugi::xml_node c = n.first_child()) n = c;
+    if (n == top) break;
+    pugi::xml_node up = n.parent();
+    up.remove_child(n);
+    n = up;
+  }
+  top.parent().remove_child(top);
+}
+
 struct StringWriter : pugi::xml_writer {
   std::string& out;
   explicit StringWriter(std::string& o) : out(o) {}
@@ -499,6 +517,16 @@ struct Document::Impl {
     return false;
   }
 
+  // The parser takes references to characters a document may not hold
+  // (and raw control characters): refuse them before parsing, where they
+  // stand.
+  bool charactersValid(std::string_view text) {
+    size_t at = 0;
+    std::string reason;
+    if (detail::checkXmlCharacters(text, at, reason)) return true;
+    return fail(detail::kCodeInvalidCharacter, std::move(reason), text, at, true);
+  }
+
   unsigned parseFlags() const {
     unsigned flags = pugi::parse_default | pugi::parse_comments | pugi::parse_pi | pugi::parse_declaration;
     return flags | (preserveWhiteSpace ? pugi::parse_ws_pcdata : pugi::parse_ws_pcdata_single);
@@ -521,6 +549,7 @@ struct Document::Impl {
   template <class Again>
   bool parseInPlace(detail::Decoded&& decoded, Again&& again) {
     if (decoded.code != 0) return fail(decoded.code, decoded.reason, decoded.utf8, decoded.utf8.size(), true);
+    if (!charactersValid(decoded.utf8)) return false;
     const std::optional<std::string> declared = writtenDeclaration(decoded.utf8);
     doc.reset();
     storage = std::move(decoded.utf8);
@@ -561,6 +590,7 @@ struct Document::Impl {
   // a fault).
   bool parse(const detail::Decoded& decoded) {
     if (decoded.code != 0) return fail(decoded.code, decoded.reason, decoded.utf8, decoded.utf8.size(), true);
+    if (!charactersValid(decoded.utf8)) return false;
     const std::string& text = decoded.utf8;
     storage = std::string();
     const pugi::xml_parse_result result = doc.load_buffer(text.data(), text.size(), parseFlags(), pugi::encoding_utf8);
@@ -706,7 +736,7 @@ void Document::discardRead(const Node& done) {
   if (!impl_->readOnce || done.node_ == nullptr || done.attr_ != nullptr) return;
   const pugi::xml_node n = pnode(done.node_);
   if (n.type() != pugi::node_element || n.root() != impl_->doc) return;
-  n.parent().remove_child(n);
+  removeSubtree(n);
 }
 
 namespace {

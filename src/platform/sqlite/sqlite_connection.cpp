@@ -73,9 +73,13 @@ class SqliteConnection final : public Connection {
       // transaction open, so the caller can still roll it back.
       db_->run("COMMIT");
     } else {
+      // The level that deferred the relation checks answers for them now,
+      // as a whole transaction would at its commit.
+      if (db_->deferredAtDepth == db_->transactionDepth) checkDeferredRelations();
       db_->run("RELEASE " + savepoint(db_->transactionDepth - 1));
     }
     --db_->transactionDepth;
+    endDeferral();
   }
 
   void rollback() override {
@@ -88,11 +92,15 @@ class SqliteConnection final : public Connection {
       db_->run("RELEASE " + name);
     }
     --db_->transactionDepth;
+    endDeferral();
   }
 
   int transactionDepth() const override { return db_->transactionDepth; }
 
-  void deferConstraintChecks() override { db_->run("PRAGMA defer_foreign_keys=ON"); }
+  void deferConstraintChecks() override {
+    db_->run("PRAGMA defer_foreign_keys=ON");
+    if (db_->deferredAtDepth == 0) db_->deferredAtDepth = db_->transactionDepth;
+  }
 
   const std::vector<DbError>& errors() const override { return db_->errors(); }
   void clearErrors() override { db_->errors().clear(); }
@@ -107,8 +115,33 @@ class SqliteConnection final : public Connection {
   // The engine ends a transaction by itself after some failures (disk full,
   // out of memory); forget the levels it dropped. Returns depth > 0.
   bool syncDepth() {
-    if (db_->transactionDepth > 0 && sqlite3_get_autocommit(db_->handle())) db_->transactionDepth = 0;
+    if (db_->transactionDepth > 0 && sqlite3_get_autocommit(db_->handle())) {
+      db_->transactionDepth = 0;
+      db_->deferredAtDepth = 0;
+    }
     return db_->transactionDepth > 0;
+  }
+
+  // A nested level whose statements left relations broken cannot be
+  // released: like a failed commit, it stays open to be rolled back.
+  void checkDeferredRelations() {
+    int pending = 0;
+    int highest = 0;
+    sqlite3_db_status(db_->handle(), SQLITE_DBSTATUS_DEFERRED_FKS, &pending, &highest, 0);
+    if (pending == 0) return;
+    const std::string m = "FOREIGN KEY constraint failed";
+    db_->fail(DbError(SQLITE_CONSTRAINT_FOREIGNKEY, kSource, m, SQLITE_CONSTRAINT_FOREIGNKEY, m));
+  }
+
+  // The deferral lasts as long as the level that asked for it: the engine
+  // would keep it until the outermost commit, and then the statements of
+  // the enclosing transaction (e.g. a lenient insert that drops a refused
+  // row and goes on) would be checked only at that commit, failing it as a
+  // whole. The engine ends it by itself with the outermost transaction.
+  void endDeferral() {
+    if (db_->deferredAtDepth == 0 || db_->transactionDepth >= db_->deferredAtDepth) return;
+    db_->deferredAtDepth = 0;
+    if (db_->transactionDepth > 0) db_->run("PRAGMA defer_foreign_keys=OFF");
   }
 
   [[noreturn]] void noTransaction(const char* what) {
@@ -195,3 +228,31 @@ void createDatabase(const std::string& path, std::string_view script) {
 }
 
 }  // namespace kavrel::db::sqlite
+
+namespace kavrel::db {
+
+bool isRowRefusal(const Error& e) {
+  const auto* failure = dynamic_cast<const DbError*>(&e);
+  if (failure == nullptr) return true;  // the library's own check of one item
+  if (failure->source() == "Connection") return false;
+  switch (failure->backendCode() & 0xFF) {
+    case SQLITE_PERM:
+    case SQLITE_ABORT:
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_NOMEM:
+    case SQLITE_READONLY:
+    case SQLITE_INTERRUPT:
+    case SQLITE_IOERR:
+    case SQLITE_CORRUPT:
+    case SQLITE_FULL:
+    case SQLITE_CANTOPEN:
+    case SQLITE_PROTOCOL:
+    case SQLITE_NOLFS:
+    case SQLITE_AUTH:
+    case SQLITE_NOTADB: return false;
+    default: return true;
+  }
+}
+
+}  // namespace kavrel::db

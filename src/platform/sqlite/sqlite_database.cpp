@@ -171,6 +171,7 @@ void Database::close() noexcept {
   sqlite3_close_v2(db_);
   db_ = nullptr;
   transactionDepth = 0;
+  deferredAtDepth = 0;
 }
 
 void Database::fail(int rc, std::string_view sql) {

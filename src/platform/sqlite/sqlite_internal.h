@@ -106,6 +106,8 @@ class Database {
   void unregisterStatement(Statement* s) { statements_.erase(s); }
 
   int transactionDepth = 0;
+  // The transaction level that deferred relation checks (0: none).
+  int deferredAtDepth = 0;
   int64_t recordsAffected = 0;
 
  private:
