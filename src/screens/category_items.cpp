@@ -275,6 +275,7 @@ void CategoryItems::DbInsertAll(db::Connection& conn) {
     try {
       c->DbInsertAll(conn);
     } catch (const Error& e) {
+      if (!db::isRowRefusal(e)) throw;  // an engine or disk fault ends the whole insert
       host().logEvent(EventType::Error, "CategoryItems.DbInsertAll : category '" + c->categoryName() +
                                             "' not inserted : " + e.description());
       recordError(e);

@@ -540,6 +540,7 @@ void ScreenItems::DbInsertAll(db::Connection& conn) {
         ecrans.update();
         initId = init->buttonId();
       } catch (const Error& e) {
+        if (!db::isRowRefusal(e)) throw;
         trap([&] { ecrans.cancelUpdate(); });
         host().logEvent(EventType::Error,
                         std::string(kBulkWho) + " : initial button of " + screenWhat + " not set : " + e.description());
