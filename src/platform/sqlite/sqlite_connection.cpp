@@ -219,6 +219,8 @@ std::shared_ptr<Connection> openDatabase(const std::string& path, const std::str
     openFailure(code, path, reason);
   }
   sqlite3_extended_result_codes(raw, 1);
+  const int lockTimeout = lockTimeoutMs();
+  sqlite3_busy_timeout(raw, lockTimeout);
   auto db = std::make_shared<Database>(raw, description);
   try {
     db->run("PRAGMA foreign_keys=ON");
@@ -247,7 +249,7 @@ std::shared_ptr<Connection> openDatabase(const std::string& path, const std::str
   } catch (const DbError&) {
     db->errors().clear();
   }
-  sqlite3_busy_timeout(raw, lockTimeoutMs());
+  sqlite3_busy_timeout(raw, lockTimeout);
   return std::make_shared<SqliteConnection>(std::move(db));
 }
 
