@@ -31,7 +31,8 @@ int main(int argc, char** argv) {
   app.footer(
       "A database is a file made by 'kavrel init'. Errors are printed on standard error as\n"
       "\"error N (source): description\"; warnings, message boxes and event-log entries of the\n"
-      "library are printed there as they happen. Exit status: 0 success, 1 failure, 2 bad usage.");
+      "library are printed there as they happen (during an import they are gathered into its report).\n"
+      "Exit status: 0 success, 1 failure, 2 bad usage.");
 
   std::string database;
   std::string parameters;
