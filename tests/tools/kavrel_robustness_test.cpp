@@ -118,6 +118,12 @@ TEST_F(KavrelRobustness, OutputsNeverReplaceTheDatabaseAndAreReplacedOnlyWhole) 
   EXPECT_EQ(readBytes(file("old.xml")), "previous content\n");
   EXPECT_EQ(run({"export", db_, kKlineName, "-o", file("old.xml")}).status, 0);
   EXPECT_EQ(readBytes(file("old.xml")), readBytes(sourceFile("examples/kline_target.xml")));
+  // Through a link, the file it names is replaced and the link stays.
+  fs::create_symlink(file("old.xml"), file("to-old.xml"));
+  writeBytes(file("old.xml"), "previous content\n");
+  EXPECT_EQ(run({"export", db_, kKlineName, "-o", file("to-old.xml")}).status, 0);
+  EXPECT_TRUE(fs::is_symlink(file("to-old.xml")));
+  EXPECT_EQ(readBytes(file("old.xml")), readBytes(sourceFile("examples/kline_target.xml")));
   for (const auto& entry : fs::directory_iterator(dir_.path()))
     EXPECT_FALSE(contains(entry.path().filename().string(), "kavrel-")) << entry.path();
 }

@@ -226,13 +226,18 @@ void writeDocument(const std::string& database, const std::string& output, std::
     write(output);
     return;
   }
-  const fs::path destination = fs::u8path(output);
+  // Through a symbolic link the file it names is replaced, not the link;
+  // a replaced file keeps its permissions.
+  fs::path destination = fs::u8path(output);
+  if (fs::is_symlink(fs::symlink_status(destination, ec))) destination = fs::weakly_canonical(destination, ec);
   fs::path dir = destination.parent_path();
   if (dir.empty()) dir = ".";
   RemoveFile tmp{makeTemporary(dir, destination.filename().string(), command)};
+  struct stat old {};
+  if (::stat(destination.c_str(), &old) == 0) ::chmod(tmp.path.c_str(), old.st_mode & 07777);
   write(tmp.path);
   syncFile(tmp.path, command);
-  if (std::rename(tmp.path.c_str(), output.c_str()) != 0)
+  if (std::rename(tmp.path.c_str(), destination.c_str()) != 0)
     fail(kErrFile, command, "cannot write '" + output + "': " + std::strerror(errno));
   tmp.path.clear();
 }
