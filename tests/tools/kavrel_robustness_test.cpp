@@ -237,6 +237,28 @@ TEST_F(KavrelRobustness, AnImportReportsWhatItCutOrCouldNotLinkAndStrictRefusesI
   EXPECT_EQ(r.err, "");
 }
 
+TEST_F(KavrelRobustness, WritersWaitForAnotherWriterAsLongAsTheyAreTold) {
+  ASSERT_EQ(run({"import", db_, sourceFile("examples/kline_target.xml")}).status, 0);
+  const std::string listed = run({"targets", db_}).out;
+  {
+    // Another process in the middle of a write.
+    auto other = kavrel::db::openConnection(db_);
+    kavrel::db::Transaction writing(*other);
+    other->execute("DELETE FROM Cibles");
+    Run r = run({"import", db_, document("Waiting", 0), "--lock-timeout", "0.2"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(contains(r.err, "database is locked")) << r.err;
+    r = run({"delete", db_, kKlineName}, "delete", "KAVREL_LOCK_TIMEOUT=0.2 ");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(contains(r.err, "database is locked")) << r.err;
+    // Readers neither wait nor see the unfinished write.
+    EXPECT_EQ(run({"targets", db_}, "targets", "KAVREL_LOCK_TIMEOUT=0.2 ").out, listed);
+    EXPECT_EQ(run({"export", db_, kKlineName}, "export", "KAVREL_LOCK_TIMEOUT=0.2 ").status, 0);
+  }
+  EXPECT_EQ(run({"targets", db_}).out, listed);
+  EXPECT_EQ(run({"import", db_, file("Waiting.xml"), "--lock-timeout", "0.2"}).status, 0);
+}
+
 // Eight importers (each importing its target, then replacing it twice) and
 // two exporters on one file at once: every target ends up there once and
 // whole, and every export is either a whole target or refused.
