@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -143,12 +144,28 @@ void writeStdout(std::string_view data, std::string_view command) {
   }
 }
 
+// The temporary file being written, if any, for the handler of an
+// interruption (Ctrl-C, kill) to remove before the process ends.
+char pendingTemporary[4096] = {};
+
+void removePendingTemporary(int signal) {
+  if (pendingTemporary[0]) ::unlink(pendingTemporary);
+  std::signal(signal, SIG_DFL);
+  std::raise(signal);
+}
+
+void notePendingTemporary(const std::string& path) {
+  if (path.size() >= sizeof pendingTemporary) return;
+  std::memcpy(pendingTemporary, path.c_str(), path.size() + 1);
+}
+
 // A new, empty file of our own in `dir` (exclusively made, so nobody
 // else's), named after `stem`.
 std::string makeTemporary(const fs::path& dir, const std::string& stem, std::string_view command) {
   std::string pattern = (dir / ("." + stem + ".kavrel-XXXXXX")).string();
   const int fd = ::mkstemp(pattern.data());
   if (fd < 0) fail(kErrFile, command, "cannot create a temporary file in '" + dir.string() + "': " + std::strerror(errno));
+  notePendingTemporary(pattern);
   // mkstemp gives 0600; a document is as readable as any new file.
   const mode_t mask = ::umask(0);
   ::umask(mask);
@@ -160,6 +177,7 @@ std::string makeTemporary(const fs::path& dir, const std::string& stem, std::str
 struct RemoveFile {
   std::string path;
   ~RemoveFile() {
+    pendingTemporary[0] = '\0';
     if (path.empty()) return;
     std::error_code ec;
     fs::remove(path, ec);
@@ -187,6 +205,7 @@ void copyToStdout(const std::string& path, std::string_view command) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) fail(kErrFile, command, "cannot read '" + path + "': " + std::strerror(errno));
   ::unlink(path.c_str());
+  pendingTemporary[0] = '\0';
   struct Close {
     int fd;
     ~Close() { ::close(fd); }
@@ -239,6 +258,7 @@ void writeDocument(const std::string& database, const std::string& output, std::
   syncFile(tmp.path, command);
   if (std::rename(tmp.path.c_str(), destination.c_str()) != 0)
     fail(kErrFile, command, "cannot write '" + output + "': " + std::strerror(errno));
+  pendingTemporary[0] = '\0';
   tmp.path.clear();
 }
 
@@ -592,6 +612,10 @@ int runDelete(const std::string& database, const std::string& target, const std:
                   ") from " + database + "\n",
               "delete");
   return 0;
+}
+
+void removeTemporaryFilesOnInterrupt() {
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, removePendingTemporary);
 }
 
 void noteClosedStandardStreams() {

@@ -40,6 +40,10 @@ int runExportParameters(const std::string& database, const std::string& output,
                         const std::optional<std::string>& encoding);
 int runDelete(const std::string& database, const std::string& target, const std::optional<double>& lockTimeout);
 
+// An interrupted export (SIGINT, SIGTERM, SIGHUP) removes its temporary
+// file before the process ends. Installed once by main().
+void removeTemporaryFilesOnInterrupt();
+
 // Standard descriptors the caller left closed are held by /dev/null, and
 // output meant for a closed standard output is reported as an error.
 // Called once by main() before anything is opened.

@@ -111,6 +111,7 @@ int main(int argc, char** argv) {
   // A reader gone away (`kavrel export ... | head`) is a write error to
   // report, not a silent death that leaves temporary files.
   std::signal(SIGPIPE, SIG_IGN);
+  removeTemporaryFilesOnInterrupt();
   installConsoleHost();
   try {
     if (*init) return runInit(database, parameters);
