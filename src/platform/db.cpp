@@ -188,7 +188,12 @@ bool operator==(const Value& a, const Value& b) {
 
 // --- Transaction -------------------------------------------------------------------
 
-Transaction::Transaction(Connection& conn) : conn_(conn) { conn_.begin(); }
+Transaction::Transaction(Connection& conn, Kind kind) : conn_(conn) {
+  if (kind == Kind::Read)
+    conn_.beginRead();
+  else
+    conn_.begin();
+}
 
 Transaction::~Transaction() {
   if (done_) return;

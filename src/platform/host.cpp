@@ -1,6 +1,7 @@
 #include "kavrel/platform/host.h"
 
 #include <atomic>
+#include <utility>
 
 namespace kavrel {
 
@@ -74,6 +75,105 @@ HostServices& host() {
 void setHost(std::shared_ptr<HostServices> services) {
   std::lock_guard<std::mutex> lock(hostMutex);
   currentHost() = services ? std::move(services) : defaultHost();
+}
+
+std::shared_ptr<HostServices> sharedHost() {
+  std::lock_guard<std::mutex> lock(hostMutex);
+  return currentHost();
+}
+
+ScopedHost::ScopedHost(std::shared_ptr<HostServices> services) : previous_(sharedHost()) {
+  setHost(std::move(services));
+}
+
+ScopedHost::~ScopedHost() { setHost(std::move(previous_)); }
+
+// ---- import report
+
+void HostServices::importEvent(const ImportEvent&) {}
+
+const char* importEventKindName(ImportEventKind kind) {
+  switch (kind) {
+    case ImportEventKind::TruncatedName: return "truncated name";
+    case ImportEventKind::DroppedLink: return "dropped link";
+    case ImportEventKind::UnknownRequest: return "unknown request";
+    case ImportEventKind::RefusedRow: return "refused row";
+    case ImportEventKind::Other: return "other";
+  }
+  return "other";
+}
+
+ImportReport::ImportReport(std::shared_ptr<HostServices> next, size_t keep) : next_(std::move(next)), keep_(keep) {}
+
+void ImportReport::add(ImportEvent event, bool announced) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (announced) lastText_ = event.text;
+  const auto k = static_cast<size_t>(event.kind);
+  if (counts_[k]++ < keep_) kept_.push_back(std::move(event));
+}
+
+void ImportReport::importEvent(const ImportEvent& event) {
+  add(event, true);
+  if (next_) next_->importEvent(event);
+}
+
+void ImportReport::messageBox(std::string_view text, std::string_view title, MessageIcon icon) {
+  bool repeated;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    repeated = !lastText_.empty() && text == lastText_;
+    lastText_.clear();
+  }
+  if (!repeated) {
+    // The boxes the library shows on its own are about names or labels too
+    // long for their column ("too long", "trop long") or about rows refused.
+    const bool tooLong =
+        text.find("too long") != std::string_view::npos || text.find("trop long") != std::string_view::npos;
+    const bool duplicate = text.find("doublon") != std::string_view::npos;
+    add({tooLong ? ImportEventKind::TruncatedName : duplicate ? ImportEventKind::RefusedRow : ImportEventKind::Other,
+         "", std::string(text)},
+        false);
+  }
+  if (next_) next_->messageBox(text, title, icon);
+}
+
+void ImportReport::logEvent(EventType type, std::string_view text) {
+  bool repeated;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    repeated = !lastText_.empty() && text == lastText_;
+    lastText_.clear();
+  }
+  if (!repeated && type != EventType::Information)
+    add({type == EventType::Error ? ImportEventKind::RefusedRow : ImportEventKind::Other, "", std::string(text)},
+        false);
+  if (next_) next_->logEvent(type, text);
+}
+
+bool ImportReport::empty() const { return total() == 0; }
+
+size_t ImportReport::total() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  size_t n = 0;
+  for (size_t c : counts_) n += c;
+  return n;
+}
+
+size_t ImportReport::count(ImportEventKind kind) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return counts_[static_cast<size_t>(kind)];
+}
+
+std::vector<ImportEvent> ImportReport::kept() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return kept_;
+}
+
+void ImportReport::clear() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (size_t& c : counts_) c = 0;
+  kept_.clear();
+  lastText_.clear();
 }
 
 }  // namespace kavrel

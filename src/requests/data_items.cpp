@@ -207,9 +207,10 @@ void DataItem::loadXml(xml::Document& odoc, xml::Node parNode) {
     return;
   }
   if (text::length(*name) > kMaxDataName) {
-    host().messageBox("Data name '" + *name + "' too long , MDB database max length = 70 characters\r\n" +
-                          "name is truncated to 70 car",
-                      "Builder importation", MessageIcon::Exclamation);
+    const std::string message = "Data name '" + *name + "' too long , MDB database max length = 70 characters\r\n" +
+                                "name is truncated to 70 car";
+    host().importEvent({ImportEventKind::TruncatedName, xml::elementPath(parNode), message});
+    host().messageBox(message, "Builder importation", MessageIcon::Exclamation);
     *name = text::left(*name, kMaxDataName);
   }
   setDataname(*name);

@@ -279,9 +279,10 @@ void DataPositionItem::loadXml(xml::Document&, xml::Node parNode) {
     }
     std::string n(*name);
     if (text::length(n) > kMaxDataName) {
-      host().messageBox("Data name '" + n + "' too long , MDB database max length = 70 characters\r\n" +
-                            "name is truncated to 70 car",
-                        "Builder importation", MessageIcon::Exclamation);
+      const std::string message =
+          "Data name '" + n + "' too long , MDB database max length = 70 characters\r\n" + "name is truncated to 70 car";
+      host().importEvent({ImportEventKind::TruncatedName, xml::elementPath(parNode), message});
+      host().messageBox(message, "Builder importation", MessageIcon::Exclamation);
       n = text::left(n, kMaxDataName);
     }
     setDataname(std::move(n));

@@ -120,9 +120,10 @@ void DeviceDataItem::loadXml(xml::Document&, xml::Node parNode) {
   std::string name;
   if (auto n = parNode.attribute("Name")) name = *n;
   if (text::length(name) > kMaxDataName) {
-    host().messageBox("Data name '" + name + "' too long , MDB database max length = 70 characters" + "\r\n" +
-                          "name is truncated to 70 car",
-                      "Builder importation", MessageIcon::Exclamation);
+    const std::string message = "Data name '" + name + "' too long , MDB database max length = 70 characters" +
+                                "\r\n" + "name is truncated to 70 car";
+    host().importEvent({ImportEventKind::TruncatedName, xml::elementPath(parNode), message});
+    host().messageBox(message, "Builder importation", MessageIcon::Exclamation);
     name = text::left(name, kMaxDataName);
   }
   setDataname(std::move(name));

@@ -12,7 +12,12 @@
 #include "kavrel/catalogues/type_organe_items.h"
 #include "kavrel/error.h"
 #include "kavrel/platform/db.h"
+#include "kavrel/platform/host.h"
 #include "kavrel/platform/xml.h"
+#include "kavrel/requests/data_items.h"
+#include "kavrel/requests/device_data_items.h"
+#include "kavrel/requests/organe_items.h"
+#include "kavrel/requests/request_items.h"
 #include "kavrel/session/kavrel_database.h"
 #include "kavrel/target/target_item.h"
 
@@ -33,6 +38,39 @@ xml::Node startDocument(xml::Document& odoc, const std::string& namespaceUri) {
   if (!namespaceUri.empty()) root.setAttribute("xmlns:kvr", namespaceUri);
   root.appendText(kLineFeed);
   return root;
+}
+
+std::string quotedStep(const std::string& element, const std::string& name) {
+  std::string step = "/" + element + "[@Name='";
+  for (char c : name) step += c == '\'' ? std::string("''") : std::string(1, c);
+  return step + "']";
+}
+
+// Links of an imported target that name something it does not define: the
+// insert cannot store them, so they are reported to the host now, with the
+// element they come from.
+void reportDanglingLinks(const TargetItem& target) {
+  auto organes = target.Organes();
+  if (!organes) return;
+  auto requests = target.Requests();
+  auto datas = target.datas();
+  const std::string targetPath = "/xml" + quotedStep("kvr:Target", target.name());
+  for (const auto& o : *organes) {
+    if (!o) continue;
+    const std::string devicePath = targetPath + "/Devices" + quotedStep("Device", o->organeName());
+    if (!o->requestName().empty() && !(requests && requests->ItemName(o->requestName())))
+      host().importEvent({ImportEventKind::UnknownRequest, devicePath + "/@FreezeFrame",
+                          "Device '" + o->organeName() + "' names the freeze frame request '" + o->requestName() +
+                              "', which the target does not define; the link is not stored"});
+    if (auto deviceDatas = o->DeviceDatas()) {
+      for (const auto& d : *deviceDatas) {
+        if (!d || (datas && datas->ItemName(d->dataname()))) continue;
+        host().importEvent({ImportEventKind::DroppedLink, devicePath + quotedStep("DeviceData", d->dataname()),
+                            "Device '" + o->organeName() + "' names the data '" + d->dataname() +
+                                "', which the target does not define; the link is not stored"});
+      }
+    }
+  }
 }
 
 }  // namespace
@@ -108,6 +146,13 @@ void KavrelDatabase::ExportNamedUceToXml(const std::string& dataBaseName, const 
   };
 
   if (!trap([&] { DbOpen(dataBaseName); }) || lastError().pending()) return;
+  // Everything below reads one snapshot: a target replaced by another
+  // process meanwhile is exported whole, as it was before or after. Closing
+  // the connection ends the read transaction on every path.
+  if (!trap([this] { DbConnection_->beginRead(); })) {
+    closeKeepingError();
+    return;
+  }
 
   trap([this] { IsKavrelDatabase(); });
   if (lastError().pending()) {
@@ -180,6 +225,7 @@ void KavrelDatabase::ImportUceFromXml(const std::string& fileName) {
   clearLastError();
   trap([&] { ActiveTarget_->loadXml(odoc, root); });
   if (lastError().pending()) raisePending();
+  reportDanglingLinks(*ActiveTarget_);
 }
 
 }  // namespace kavrel

@@ -146,6 +146,9 @@ bool TargetItem::dbReadKVR(db::Connection& conn, int32_t address, int32_t target
 }
 
 bool TargetItem::dbReadTargetAll(db::Connection& conn, int32_t address, int32_t targetid) {
+  // One snapshot for all the tables: a writer in another process cannot
+  // leave half its change in what is read.
+  db::Transaction snapshot(conn, db::Transaction::Kind::Read);
   if (!DbRead(conn, address, targetid)) return false;
   auto self = shared_from_this();
   // From here each step runs even when an earlier one failed.
@@ -178,6 +181,7 @@ bool TargetItem::dbReadTargetAll(db::Connection& conn, int32_t address, int32_t 
     Categories_ = std::make_shared<CategoryItems>();
     Categories_->dbReadAll(conn, self);
   });
+  trap([&] { snapshot.commit(); });
   ValueChanged_ = false;
   return true;
 }

@@ -18,14 +18,36 @@ struct ExportOptions {
   bool noNamespace = false;
 };
 
+struct ImportOptions {
+  std::string database;
+  std::string file;
+  bool replace = false;
+  // Any skipped or changed element (see the import report) is an error and
+  // nothing is stored.
+  bool strict = false;
+  // How long to wait for another process's write (seconds); default: the
+  // KAVREL_LOCK_TIMEOUT environment variable, else 60.
+  std::optional<double> lockTimeout;
+};
+
 int runInit(const std::string& database, const std::string& parameters);
 int runCheck(const std::string& database);
-int runTargets(const std::string& database);
+// format: "text" (default lines), "tsv" (escaped, with a header) or "json".
+int runTargets(const std::string& database, const std::string& format);
 int runExport(const ExportOptions& options);
-int runImport(const std::string& database, const std::string& file, bool replace);
+int runImport(const ImportOptions& options);
 int runExportParameters(const std::string& database, const std::string& output,
                         const std::optional<std::string>& encoding);
-int runDelete(const std::string& database, const std::string& target);
+int runDelete(const std::string& database, const std::string& target, const std::optional<double>& lockTimeout);
+
+// An interrupted export (SIGINT, SIGTERM, SIGHUP) removes its temporary
+// file before the process ends. Installed once by main().
+void removeTemporaryFilesOnInterrupt();
+
+// Standard descriptors the caller left closed are held by /dev/null, and
+// output meant for a closed standard output is reported as an error.
+// Called once by main() before anything is opened.
+void noteClosedStandardStreams();
 
 // Prints message boxes and event-log entries on standard error as they
 // happen (installed once by main()).

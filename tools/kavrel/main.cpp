@@ -5,6 +5,7 @@
 // description"), 2 bad usage.
 #include <CLI/CLI.hpp>
 
+#include <csignal>
 #include <exception>
 #include <iostream>
 #include <optional>
@@ -22,6 +23,7 @@ constexpr int kExitUsage = 2;
 
 int main(int argc, char** argv) {
   using namespace kavrel::cli;
+  noteClosedStandardStreams();
 
   CLI::App app{"Manage a definitions database of diagnostic targets and its XML documents.", "kavrel"};
   app.require_subcommand(1, 1);
@@ -29,10 +31,14 @@ int main(int argc, char** argv) {
   app.footer(
       "A database is a file made by 'kavrel init'. Errors are printed on standard error as\n"
       "\"error N (source): description\"; warnings, message boxes and event-log entries of the\n"
-      "library are printed there as they happen. Exit status: 0 success, 1 failure, 2 bad usage.");
+      "library are printed there as they happen (during an import they are gathered into its report).\n"
+      "Exit status: 0 success, 1 failure, 2 bad usage.");
 
   std::string database;
   std::string parameters;
+  const char* lockTimeoutHelp =
+      "Seconds to wait for another process's write to the database before giving up (default: the "
+      "KAVREL_LOCK_TIMEOUT environment variable, else 60)";
   auto* init = app.add_subcommand("init", "Create a new, empty definitions database");
   init->add_option("DB", database, "The database file to create (must not exist)")->required();
   init->add_option("--parameters", parameters,
@@ -46,6 +52,11 @@ int main(int argc, char** argv) {
       "List the targets, one a line, tab-separated: name, address, id, and the numbers of requests, data items, "
       "devices and screens");
   targets->add_option("DB", database, "The database file")->required();
+  std::string format = "text";
+  targets->add_option("--format", format,
+                      "text (default: the lines above, names as stored), tsv (a header line, then the fields with "
+                      "backslash, TAB, LF and CR escaped as \\\\ \\t \\n \\r) or json (an array of objects)")
+      ->check(CLI::IsMember({"text", "tsv", "json"}));
 
   ExportOptions exportOptions;
   auto* exportCmd = app.add_subcommand("export", "Write one target as a target document");
@@ -62,12 +73,18 @@ int main(int argc, char** argv) {
   exportCmd->add_flag("--no-namespace", exportOptions.noNamespace,
                       "Write no namespace declarations (xmlns:kvr, xmlns, xmlns:ds)");
 
-  std::string file;
-  bool replace = false;
-  auto* import = app.add_subcommand("import", "Store the target of a target document in the database");
-  import->add_option("DB", database, "The database file")->required();
-  import->add_option("FILE", file, "The target document")->required();
-  import->add_flag("--replace", replace, "Replace a stored target of the same name (otherwise refused)");
+  ImportOptions importOptions;
+  auto* import = app.add_subcommand(
+      "import",
+      "Store the target of a target document in the database. What the import skips or changes (names cut to "
+      "their column, links to undefined requests or data, rows the database refuses) is reported on standard "
+      "error afterwards: counts, then the first few with the element concerned");
+  import->add_option("DB", importOptions.database, "The database file")->required();
+  import->add_option("FILE", importOptions.file, "The target document")->required();
+  import->add_flag("--replace", importOptions.replace, "Replace a stored target of the same name (otherwise refused)");
+  import->add_flag("--strict", importOptions.strict,
+                   "Refuse the document, storing nothing, when the import would skip or change anything");
+  import->add_option("--lock-timeout", importOptions.lockTimeout, lockTimeoutHelp)->check(CLI::NonNegativeNumber);
 
   std::string output;
   std::optional<std::string> encoding;
@@ -81,6 +98,8 @@ int main(int argc, char** argv) {
   auto* deleteCmd = app.add_subcommand("delete", "Delete a target and everything under it");
   deleteCmd->add_option("DB", database, "The database file")->required();
   deleteCmd->add_option("TARGET", targetName, "The target's name")->required();
+  std::optional<double> deleteLockTimeout;
+  deleteCmd->add_option("--lock-timeout", deleteLockTimeout, lockTimeoutHelp)->check(CLI::NonNegativeNumber);
 
   try {
     app.parse(argc, argv);
@@ -89,15 +108,19 @@ int main(int argc, char** argv) {
     return code == 0 ? 0 : kExitUsage;
   }
 
+  // A reader gone away (`kavrel export ... | head`) is a write error to
+  // report, not a silent death that leaves temporary files.
+  std::signal(SIGPIPE, SIG_IGN);
+  removeTemporaryFilesOnInterrupt();
   installConsoleHost();
   try {
     if (*init) return runInit(database, parameters);
     if (*check) return runCheck(database);
-    if (*targets) return runTargets(database);
+    if (*targets) return runTargets(database, format);
     if (*exportCmd) return runExport(exportOptions);
-    if (*import) return runImport(database, file, replace);
+    if (*import) return runImport(importOptions);
     if (*exportParameters) return runExportParameters(database, output, encoding);
-    if (*deleteCmd) return runDelete(database, targetName);
+    if (*deleteCmd) return runDelete(database, targetName, deleteLockTimeout);
   } catch (const kavrel::Error& e) {
     std::cerr << "error " << e.number() << " (" << e.source() << "): " << e.description() << '\n';
     return kExitFailure;

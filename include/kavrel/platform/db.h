@@ -134,8 +134,15 @@ class Connection {
 
   // Transactions nest: begin() inside a transaction opens a savepoint.
   // Write transactions take the write lock at once, waiting for another
-  // process rather than failing.
+  // process rather than failing: up to the lock timeout, the environment
+  // variable KAVREL_LOCK_TIMEOUT in seconds (default 60), after which they
+  // fail with the engine's "database is locked".
   virtual void begin() = 0;
+  // A read transaction: every read until its end sees the database as it
+  // was at the first one (one snapshot), whatever other processes commit
+  // meanwhile, and takes no write lock. Nested inside a transaction it is a
+  // plain inner level. Ended by commit() or rollback() like any other.
+  virtual void beginRead() { begin(); }
   virtual void commit() = 0;
   virtual void rollback() = 0;
   virtual int transactionDepth() const = 0;
@@ -166,10 +173,12 @@ class Connection {
 // they wrote rolled back.
 bool isRowRefusal(const Error& e);
 
-// Rolls back on destruction unless committed (nest freely).
+// Rolls back on destruction unless committed (nest freely). A Read one
+// (Connection::beginRead) gives one snapshot to the reads inside it.
 class Transaction {
  public:
-  explicit Transaction(Connection& conn);
+  enum class Kind { Write, Read };
+  explicit Transaction(Connection& conn, Kind kind = Kind::Write);
   ~Transaction();
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;

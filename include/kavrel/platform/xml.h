@@ -135,6 +135,11 @@ class Node {
   uint32_t place_ = 0;
 };
 
+// Where an element stands, for messages: "/xml/kvr:Target/Datas/Data[@Name='x']",
+// each step named by its Name attribute where it has one (quotes in it
+// doubled). Empty for a null node.
+std::string elementPath(const Node& node);
+
 struct ParseError {
   int code = 0;  // 0 = no error
   std::string reason;

@@ -68,8 +68,15 @@ class KavrelDatabase : public std::enable_shared_from_this<KavrelDatabase> {
 
   // ---- XML documents
   void ExportParametersToXml(const std::string& fileName, const std::optional<std::string>& xmlEncoding = std::nullopt);
+  // Reads the catalogues and the target from one snapshot of the database
+  // (one read transaction): a target another process replaces meanwhile is
+  // written whole, as it was before or after.
   void ExportNamedUceToXml(const std::string& dataBaseName, const std::string& uceName, const std::string& xmlFileName);
   void ExportUceToXml(const std::string& fileName);
+  // What the import skips or changes on the way (names cut to their column,
+  // links to a request or data the target does not define) is reported to
+  // host().importEvent with the element concerned; an ImportReport collects
+  // it (see kavrel/platform/host.h).
   void ImportUceFromXml(const std::string& fileName);
 
   // ---- database

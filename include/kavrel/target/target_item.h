@@ -65,6 +65,8 @@ class TargetItem : public std::enable_shared_from_this<TargetItem> {
   void loadXml(xml::Document& odoc, xml::Node node);
 
   bool DbRead(db::Connection& conn, int32_t address, int32_t targetid);
+  // Reads the target and everything under it inside one read transaction,
+  // so that all its tables come from one snapshot of the database.
   bool dbReadTargetAll(db::Connection& conn, int32_t address, int32_t targetid);
   void dbUpdateTargetAll(db::Connection& conn, int32_t address, int32_t targetid);
   void dbRename(db::Connection& conn, const std::string& newName);

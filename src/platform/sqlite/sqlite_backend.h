@@ -1,6 +1,16 @@
 // Entry points of the SQLite backend for the backend-neutral layer
 // (src/platform/db.cpp). Holds no SQLite type, so it may be included above
 // the backend.
+//
+// Journal: a file on a local disk is kept in write-ahead-log mode (files
+// "<db>-wal" and "<db>-shm" beside it while it is open), so that readers
+// never wait for a writer and a read transaction sees one snapshot. That
+// mode needs memory shared between the processes, which a network file
+// system (NFS, SMB/CIFS, 9P, AFS, ...) does not give: a file found on one is
+// switched to the rollback journal when it is opened alone. There, readers
+// wait for a writer's commit (up to the lock timeout) and safety rests on
+// the network file system's byte-range locks; several machines writing one
+// file at once is not advised.
 #pragma once
 
 #include <memory>

@@ -1,3 +1,13 @@
+#include <fcntl.h>
+#include <unistd.h>
+#ifdef __linux__
+#include <sys/vfs.h>
+#endif
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
@@ -8,8 +18,58 @@ namespace kavrel::db::sqlite {
 
 namespace {
 
-// A second process writing the same file is waited for this long.
-constexpr int kBusyTimeoutMs = 5000;
+// How long a writer waits for another process's write to end before it
+// gives up with "database is locked": long enough for several whole-target
+// imports queued one behind the other. KAVREL_LOCK_TIMEOUT (seconds) says
+// otherwise.
+constexpr double kDefaultLockTimeoutSeconds = 60;
+constexpr const char* kLockTimeoutVariable = "KAVREL_LOCK_TIMEOUT";
+// Changing the journal of a file others have open is only tried this long.
+constexpr int kJournalSwitchTimeoutMs = 1000;
+
+int lockTimeoutMs() {
+  double seconds = kDefaultLockTimeoutSeconds;
+  if (const char* v = std::getenv(kLockTimeoutVariable); v && *v) {
+    char* end = nullptr;
+    const double parsed = std::strtod(v, &end);
+    if (end && *end == '\0' && std::isfinite(parsed) && parsed >= 0) seconds = parsed;
+  }
+  return static_cast<int>(std::min(seconds * 1000.0, 2147483647.0));
+}
+
+// Write-ahead logging lets readers go on while a writer works (each reader
+// keeps the snapshot its transaction started on), but it needs memory
+// shared between the processes, which network file systems do not give.
+// There the rollback journal is used: readers then wait for a writer's
+// commit, and correctness rests on the network file system's locks.
+bool onNetworkFileSystem(const std::string& path) {
+#ifdef __linux__
+  struct statfs s {};
+  if (::statfs(path.c_str(), &s) != 0) return false;
+  switch (static_cast<unsigned long>(s.f_type)) {
+    case 0x6969UL:      // NFS
+    case 0x517BUL:      // SMB
+    case 0xFF534D42UL:  // CIFS
+    case 0xFE534D42UL:  // SMB2
+    case 0x564CUL:      // NCP
+    case 0x73757245UL:  // Coda
+    case 0x5346414FUL:  // AFS
+    case 0x01021997UL:  // 9P (shared folders of virtual machines)
+    case 0x00C36400UL:  // Ceph
+    case 0x0BD00BD0UL:  // Lustre
+    case 0x01161970UL:  // GFS2
+    case 0x7461636FUL:  // OCFS2
+      return true;
+    default:
+      return false;
+  }
+#else
+  (void)path;
+  return false;
+#endif
+}
+
+const char* wantedJournal(const std::string& path) { return onNetworkFileSystem(path) ? "delete" : "wal"; }
 
 // Number of the legacy runtime for "File already exists".
 constexpr int32_t kErrFileExists = 58;
@@ -56,6 +116,7 @@ class SqliteConnection final : public Connection {
 
   void begin() override {
     syncDepth();
+    if (db_->transactionDepth == 0) db_->lost.reset();
     if (db_->transactionDepth == 0) {
       // Take the write lock at once: two writers cannot deadlock, and the
       // busy timeout makes the second one wait.
@@ -66,8 +127,22 @@ class SqliteConnection final : public Connection {
     ++db_->transactionDepth;
   }
 
+  void beginRead() override {
+    syncDepth();
+    if (db_->transactionDepth == 0) {
+      db_->lost.reset();
+      // Deferred: the first read takes the snapshot that every later read
+      // of this transaction sees; no lock is held against writers.
+      db_->run("BEGIN DEFERRED");
+    } else {
+      db_->run("SAVEPOINT " + savepoint(db_->transactionDepth));
+    }
+    ++db_->transactionDepth;
+  }
+
   void commit() override {
     if (!syncDepth()) noTransaction("commit");
+    if (db_->lost) db_->fail(*db_->lost);
     if (db_->transactionDepth == 1) {
       // A failed COMMIT (e.g. deferred relations still broken) leaves the
       // transaction open, so the caller can still roll it back.
@@ -84,6 +159,12 @@ class SqliteConnection final : public Connection {
 
   void rollback() override {
     if (!syncDepth()) noTransaction("roll back");
+    if (db_->lost) {
+      // The engine has already undone everything; only the levels remain.
+      if (--db_->transactionDepth == 0) db_->lost.reset();
+      if (db_->deferredAtDepth > db_->transactionDepth) db_->deferredAtDepth = 0;
+      return;
+    }
     if (db_->transactionDepth == 1) {
       db_->run("ROLLBACK");
     } else {
@@ -115,6 +196,7 @@ class SqliteConnection final : public Connection {
   // The engine ends a transaction by itself after some failures (disk full,
   // out of memory); forget the levels it dropped. Returns depth > 0.
   bool syncDepth() {
+    if (db_->lost) return db_->transactionDepth > 0;
     if (db_->transactionDepth > 0 && sqlite3_get_autocommit(db_->handle())) {
       db_->transactionDepth = 0;
       db_->deferredAtDepth = 0;
@@ -171,7 +253,8 @@ std::shared_ptr<Connection> openDatabase(const std::string& path, const std::str
     openFailure(code, path, reason);
   }
   sqlite3_extended_result_codes(raw, 1);
-  sqlite3_busy_timeout(raw, kBusyTimeoutMs);
+  const int lockTimeout = lockTimeoutMs();
+  sqlite3_busy_timeout(raw, lockTimeout);
   auto db = std::make_shared<Database>(raw, description);
   try {
     db->run("PRAGMA foreign_keys=ON");
@@ -182,17 +265,47 @@ std::shared_ptr<Connection> openDatabase(const std::string& path, const std::str
     db->close();
     openFailure(e.backendCode(), path, e.backendMessage());
   }
+  // A file made elsewhere (or on another kind of disk) gets the journal
+  // this disk wants; when others have it open the switch is left for later.
+  const std::string wanted = wantedJournal(path);
+  try {
+    auto stmt = db->prepare("PRAGMA journal_mode");
+    std::string current;
+    if (sqlite3_step(stmt->get()) == SQLITE_ROW) {
+      const unsigned char* t = sqlite3_column_text(stmt->get(), 0);
+      current = t ? reinterpret_cast<const char*>(t) : "";
+    }
+    stmt.reset();
+    if (current != wanted && (current == "delete" || current == "wal" || current == "truncate" || current == "persist")) {
+      sqlite3_busy_timeout(raw, kJournalSwitchTimeoutMs);
+      db->run("PRAGMA journal_mode=" + wanted);
+    }
+  } catch (const DbError&) {
+    db->errors().clear();
+  }
+  sqlite3_busy_timeout(raw, lockTimeout);
   return std::make_shared<SqliteConnection>(std::move(db));
 }
 
 void createDatabase(const std::string& path, std::string_view script) {
   std::error_code ec;
-  if (std::filesystem::exists(path, ec)) {
-    std::string d = "Cannot create the database '" + path + "': the file already exists";
-    throw DbError(kErrFileExists, kSource, d, 0, "the file already exists");
+  // Made here, exclusively: of several processes creating the same file one
+  // wins, and the others fail without touching it. An empty file is an
+  // empty database to the engine.
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    const int err = errno;
+    if (err == EEXIST) {
+      std::string d = "Cannot create the database '" + path + "': the file already exists";
+      throw DbError(kErrFileExists, kSource, d, 0, "the file already exists");
+    }
+    const std::string reason = std::generic_category().message(err);
+    std::string d = "Cannot create the database '" + path + "': " + reason;
+    throw DbError(SQLITE_CANTOPEN, kSource, d, SQLITE_CANTOPEN, reason);
   }
+  ::close(fd);
   sqlite3* raw = nullptr;
-  int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+  int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
   std::string reason;
   int code = rc;
   if (rc == SQLITE_OK) {
@@ -209,6 +322,11 @@ void createDatabase(const std::string& path, std::string_view script) {
       reason = message ? message : sqlite3_errstr(rc);
     }
     sqlite3_free(message);
+    if (rc == SQLITE_OK) {
+      // Persistent in the file; best effort (the open tries again).
+      const std::string journal = std::string("PRAGMA journal_mode=") + wantedJournal(path) + ";";
+      sqlite3_exec(raw, journal.c_str(), nullptr, nullptr, nullptr);
+    }
   } else {
     code = raw ? sqlite3_extended_errcode(raw) : rc;
     reason = raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc);
@@ -220,8 +338,11 @@ void createDatabase(const std::string& path, std::string_view script) {
     reason = sqlite3_errstr(closeRc);
   }
   if (rc != SQLITE_OK) {
+    // The file is ours (made exclusively above), and so are its companions.
     std::filesystem::remove(path, ec);
     std::filesystem::remove(path + "-journal", ec);
+    std::filesystem::remove(path + "-wal", ec);
+    std::filesystem::remove(path + "-shm", ec);
     std::string d = "Cannot create the database '" + path + "': " + reason;
     throw DbError(code, kSource, d, code, reason);
   }

@@ -111,6 +111,7 @@ void Statement::finalize() noexcept {
 }
 
 sqlite3_stmt* Statement::get() {
+  if (db_) db_->checkNotLost();
   if (!stmt_) {
     std::string d = "The connection is closed";
     throw DbError(SQLITE_MISUSE, kSource, d, SQLITE_MISUSE, d);
@@ -161,7 +162,12 @@ sqlite3* Database::handle() {
     std::string d = "The connection to '" + description_ + "' is closed";
     throw DbError(SQLITE_MISUSE, kSource, d, SQLITE_MISUSE, d);
   }
+  checkNotLost();
   return db_;
+}
+
+void Database::checkNotLost() {
+  if (lost) fail(*lost);
 }
 
 void Database::close() noexcept {
@@ -172,6 +178,7 @@ void Database::close() noexcept {
   db_ = nullptr;
   transactionDepth = 0;
   deferredAtDepth = 0;
+  lost.reset();
 }
 
 void Database::fail(int rc, std::string_view sql) {
@@ -185,7 +192,19 @@ void Database::fail(int rc, std::string_view sql) {
     message = sqlite3_errmsg(db_);
   }
   if (message.empty() || message == "not an error") message = sqlite3_errstr(rc);
-  fail(DbError(code, kSource, describe(message, sql), code, message));
+  DbError e(code, kSource, describe(message, sql), code, message);
+  // After these the engine may have rolled back the whole transaction or
+  // only the statement; either way what is left cannot be committed whole.
+  // End it here, so that nothing after runs outside it and the commit
+  // reports this error, once, instead of "no transaction is active".
+  const int primary = rc & 0xFF;
+  const bool fatal = primary == SQLITE_FULL || primary == SQLITE_IOERR || primary == SQLITE_NOMEM ||
+                     primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+  if (fatal && db_ && transactionDepth > 0 && !lost) {
+    if (!sqlite3_get_autocommit(db_)) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    lost = e;
+  }
+  fail(std::move(e));
 }
 
 void Database::fail(DbError e) {

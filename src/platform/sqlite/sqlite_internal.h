@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -109,6 +110,13 @@ class Database {
   // The transaction level that deferred relation checks (0: none).
   int deferredAtDepth = 0;
   int64_t recordsAffected = 0;
+  // Set when a failure (disk full, I/O error, out of memory, damaged file)
+  // made the engine give up the open transaction: every later statement
+  // fails with this same error, rather than running outside the transaction,
+  // until the caller has rolled back each level.
+  std::optional<DbError> lost;
+  // Throws `lost` when it is set.
+  void checkNotLost();
 
  private:
   sqlite3* db_;
