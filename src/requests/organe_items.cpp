@@ -1,6 +1,7 @@
 // Organs of a target: rows of Organes, their freeze-frame request link in
 // [Lien_DTC_ReqContext] and their device data in Lien_Données_ds_Organe.
 
+#include "kavrel/platform/names.h"
 #include "kavrel/requests/organe_items.h"
 
 #include <string>
@@ -275,7 +276,7 @@ OrganeItems::Ptr OrganeItems::Add(int32_t id, std::string organeName, std::strin
 
 OrganeItems::Ptr OrganeItems::ItemName(std::string_view name) const {
   for (const auto& o : *this)
-    if (o && o->organeName() == name) return o;
+    if (o && names::equal(o->organeName(), name)) return o;
   return nullptr;
 }
 

@@ -71,6 +71,8 @@ class OrganeItems : public KeyedCollection<OrganeItem> {
  public:
   Ptr Add(int32_t id, std::string organeName, std::string Mnemonique, int32_t OrganeDTC, int32_t OrganeOBD,
           std::string_view sKey = {});
+  // First entry of that name by the name rule (kavrel/platform/names.h: letter
+  // case ignored, accents kept); null when none.
   Ptr ItemName(std::string_view name) const;
   void createXMLnode(xml::Document& odoc, xml::Node parent);
   void loadXml(xml::Document& odoc, xml::Node node, const std::shared_ptr<TargetItem>& Ptarget);
