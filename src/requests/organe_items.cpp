@@ -297,6 +297,7 @@ void OrganeItems::loadXml(xml::Document& odoc, xml::Node node, const std::shared
 }
 
 void OrganeItems::DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {
+  if (!target) raise(100, "", "Parent not defined");
   const std::string sql = std::string("SELECT [Organe Id], [Organe Name], Mnemonique, [Type Organe Id], DTC, OBD") +
                           " FROM Organes" + " WHERE Address=" + std::to_string(target->Address()) +
                           " AND [Target Id]=" + std::to_string(target->targetid()) + " ORDER BY [Organe Name]";
@@ -315,6 +316,7 @@ void OrganeItems::DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>
 }
 
 void OrganeItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {
+  if (!target) raise(100, "", "Parent not defined");
   const std::string tid = std::to_string(target->targetid());
   std::string sql = std::string(
                         "SELECT [Organe Id], Organes.[Organe Name], Mnemonique, [Type Organe Id], DTC, OBD,[Request "

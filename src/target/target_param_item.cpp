@@ -177,8 +177,9 @@ void TargetParamItem::SetDefaultValue(targetParameter param) {
 // ---- database
 
 void TargetParamItem::DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {
+  if (!target) raise(100, "TargetParamItem.DbRead", "Target not defined");
   parent_ = target;
-  const int32_t targetid = target ? target->targetid() : 0;
+  const int32_t targetid = target->targetid();
   auto rs = conn.execute(std::string(kColumns) +
                          "[Little Endian], Reprogrammable, [Date Officialisation], [Paramètres UCE].[Type Panne Id], "
                          "[Type Panne].[Libelle]" +
@@ -214,8 +215,9 @@ void TargetParamItem::DbRead(db::Connection& conn, const std::shared_ptr<TargetI
 }
 
 void TargetParamItem::dbReadKVR(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {
+  if (!target) raise(100, "TargetParamItem.dbReadKVR", "Target not defined");
   parent_ = target;
-  const int32_t targetid = target ? target->targetid() : 0;
+  const int32_t targetid = target->targetid();
   auto rs = conn.execute(std::string(kColumns) + "[Little Endian]" + " FROM [Paramètres UCE]" +
                          " WHERE [Ecu Id]=" + num(targetid));
   Comment_ = rs->field("Comment").toText();

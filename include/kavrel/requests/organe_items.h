@@ -76,6 +76,7 @@ class OrganeItems : public KeyedCollection<OrganeItem> {
   Ptr ItemName(std::string_view name) const;
   void createXMLnode(xml::Document& odoc, xml::Node parent);
   void loadXml(xml::Document& odoc, xml::Node node, const std::shared_ptr<TargetItem>& Ptarget);
+  // Both readers throw error 100 "Parent not defined" for a null target.
   void dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem>& target);
   void DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>& target);
   void DbInsertAll(db::Connection& conn, int32_t Address, int32_t targetid);

@@ -107,6 +107,7 @@ class TargetParamItem {
   bool isDefaultValue(targetParameter param, ParamValue& defaultValue) const;
   void SetDefaultValue(targetParameter param);
 
+  // Both readers throw error 100 "Target not defined" for a null target.
   void DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>& target);
   void dbReadKVR(db::Connection& conn, const std::shared_ptr<TargetItem>& target);
   void dbInsert(db::Connection& conn);
