@@ -117,6 +117,9 @@ class Database {
   std::optional<DbError> lost;
   // Throws `lost` when it is set.
   void checkNotLost();
+  // Whether the file's name columns are known to use the name collation
+  // (checked, and upgraded if need be, before the first write).
+  bool nameRuleCurrent = false;
 
  private:
   sqlite3* db_;
@@ -156,6 +159,15 @@ std::string adaptSql(std::string_view sql);
 std::string quoteIdentifier(std::string_view name);
 // Position of the top-level FROM keyword of a SELECT, or npos.
 size_t findTopLevelFrom(std::string_view select);
+
+// The name rule (sqlite_names.cpp): registers the KAVREL_NAME collation on a
+// connection; on open (and, while that did not succeed, before every
+// write) upgrades a file whose name columns predate it (one transaction; refused with error 2067, file unchanged, when
+// rows would collide). The rewrite of one CREATE TABLE text is exposed for
+// tests.
+void registerNameCollation(sqlite3* db);
+void ensureNameRule(Database& db);
+std::string withNameCollationForTest(const std::string& createTable, const std::vector<std::string>& columns);
 
 std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt);
 std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt);
