@@ -169,8 +169,10 @@ class Transaction {
 };
 
 // Opens a connection. Accepted forms:
-//  - "Provider=Microsoft.Jet.OLEDB.4.0;...;Data source=<file>": the legacy
-//    engine; refused with a clear error naming the file (not available);
+//  - "Provider=Microsoft.Jet.OLEDB.4.0;...;Data source=<file>" (or the
+//    later Access provider), and a bare path ending in ".mdb": a legacy
+//    Access file, opened read-only (every change refused with error 3027
+//    naming the file; see src/platform/mdb/mdb_backend.h);
 //  - "File name=<file.udl>": a data-link file (UTF-16 LE with BOM, or UTF-8)
 //    whose init string names the data source;
 //  - key/value pairs "Provider=SQLite;Data Source=<file>" (or without
