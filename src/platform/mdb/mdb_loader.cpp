@@ -152,7 +152,7 @@ class Loader {
     mdb_set_shortdate_fmt(mdb, "%Y-%m-%d");
     mdb_set_boolean_fmt_numbers(mdb);
     defaultBindSize_ = mdb->bind_size;
-    if (!mdb_read_catalog(mdb, MDB_TABLE)) unrecognized(path_, "its list of tables cannot be read (damaged file)");
+    if (!mdb_read_catalog(mdb, MDB_TABLE)) unrecognized(path_, "the file is not an Access database, or it is damaged (its list of tables cannot be read)");
   }
 
   void load() {
