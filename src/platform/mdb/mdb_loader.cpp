@@ -157,7 +157,12 @@ class Loader {
 
   void load() {
     MdbHandle* mdb = file_.mdb;
+    // Loading runs once into a database of its own that nobody else sees:
+    // a failure throws it all away, so nothing needs undoing (no journal),
+    // and the file's rows already kept the relations and limits.
     db_.run("PRAGMA foreign_keys=OFF");
+    db_.run("PRAGMA journal_mode=OFF");
+    db_.run("PRAGMA ignore_check_constraints=ON");
     db_.run("BEGIN");
     // The schema's tables first, its indexes once the rows are in.
     std::vector<std::string> indexes = runScript(db_, schemaSql(), notIndex);
@@ -206,6 +211,7 @@ class Loader {
       if (rc != SQLITE_DONE) db_.fail(rc, statement);
     }
     db_.run("COMMIT");
+    db_.run("PRAGMA ignore_check_constraints=OFF");
     db_.run("PRAGMA foreign_keys=ON");
   }
 
