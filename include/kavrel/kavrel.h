@@ -25,6 +25,7 @@
 #include "kavrel/screens/label_items.h"
 #include "kavrel/screens/scenario_items.h"
 #include "kavrel/screens/screen_items.h"
+#include "kavrel/session/convert_database.h"
 #include "kavrel/session/kavrel_database.h"
 #include "kavrel/target/auto_ident_items.h"
 #include "kavrel/target/target_item.h"

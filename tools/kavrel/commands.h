@@ -48,6 +48,8 @@ void removeTemporaryFilesOnInterrupt();
 // output meant for a closed standard output is reported as an error.
 // Called once by main() before anything is opened.
 void noteClosedStandardStreams();
+// Writes a new SQLite definitions database from SOURCE (convert.cpp).
+int runConvert(const std::string& source, const std::string& destination);
 
 // Prints message boxes and event-log entries on standard error as they
 // happen (installed once by main()).

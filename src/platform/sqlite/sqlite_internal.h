@@ -168,6 +168,9 @@ size_t findTopLevelFrom(std::string_view select);
 void registerNameCollation(sqlite3* db);
 void ensureNameRule(Database& db);
 std::string withNameCollationForTest(const std::string& createTable, const std::vector<std::string>& columns);
+// The database under a connection of this backend (null for another
+// backend's connection): for backends built on this one.
+std::shared_ptr<Database> databaseOf(Connection& conn);
 
 std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt);
 std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt);
