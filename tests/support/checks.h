@@ -28,6 +28,20 @@ inline void writeBytes(const std::string& path, std::string_view bytes) {
   std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
+// The document with its screen tree emptied ("ds:Categories" left as an
+// empty element): what a database without screens exports for a target
+// document that has them.
+inline std::string withoutScreens(std::string xml) {
+  const size_t open = xml.find("<ds:Categories");
+  if (open == std::string::npos) return xml;
+  const size_t tagEnd = xml.find('>', open);
+  if (tagEnd == std::string::npos || xml[tagEnd - 1] == '/') return xml;
+  const std::string close = "</ds:Categories>";
+  const size_t end = xml.find(close, tagEnd);
+  if (end == std::string::npos) return xml;
+  return xml.replace(tagEnd, end + close.size() - tagEnd, "/>");
+}
+
 inline std::string repeat(std::string_view unit, size_t n) {
   std::string s;
   for (size_t i = 0; i < n; ++i) s += unit;
