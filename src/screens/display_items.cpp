@@ -636,7 +636,10 @@ void insertDisplaysBulk(ScreenItem& screen, int32_t targetId, ScreenBulkSets& se
 
   // Refusals go to the event log with the texts of the display classes'
   // own inserts; the other rows are still written. A link that cannot form
-  // its row (the empty link of the other kind) touches no record set.
+  // its row touches no record set; when it is the link of the other kind
+  // (the empty object a display holds besides its own link) it is skipped
+  // without an entry, as there is nothing of it to store: a whole-target
+  // insert reports only what was lost.
   auto refused = [](const char* who, const std::exception& e) {
     const auto* err = dynamic_cast<const Error*>(&e);
     logEvent(std::string(who) + " : " + (err ? err->description() : std::string(e.what())));
@@ -668,7 +671,7 @@ void insertDisplaysBulk(ScreenItem& screen, int32_t targetId, ScreenBulkSets& se
         } catch (const Error&) {
         }
       }
-    if (auto link = d->DisplayDataItem()) {
+    if (auto link = d->DisplayDataItem(); link && (link->DataPosition() || d->TypeDisplay() == 3)) {
       try {
         auto pos = detail::linkedPosition(*link);
         write(*sets.DonneesAff, [&] { detail::setDataLinkRow(*sets.DonneesAff, *pos, *d, o); });
@@ -676,7 +679,7 @@ void insertDisplaysBulk(ScreenItem& screen, int32_t targetId, ScreenBulkSets& se
         refused("DisplayDataItem.DbInsertAll", e);
       }
     }
-    if (auto link = d->DisplayExtraItem()) {
+    if (auto link = d->DisplayExtraItem(); link && (link->request() || d->TypeDisplay() == 1)) {
       try {
         auto request = detail::linkedRequest(*link);
         write(*sets.ExtraAff, [&] { detail::setExtraLinkRow(*sets.ExtraAff, *request, link->param(), *d, o); });

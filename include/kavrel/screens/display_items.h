@@ -35,6 +35,10 @@
 //    nothing under it is written; then thresholds, the data link and the
 //    request link are offered in turn (an empty link of the other kind fails
 //    and leaves its own event-log entry, as the link classes say).
+//  - The whole-target screen insert (ScreenItems::DbInsertAll) writes the
+//    same rows table by table, each display's new id read before its links
+//    and thresholds, with the same event-log texts, except that the empty
+//    link of the other kind is skipped without an entry.
 //  - createXMLnode writes "Input" for an input field ("Display" otherwise),
 //    nothing at all when the link its type needs is missing. loadXml never
 //    throws: a broken link leaves an event-log entry and the display is kept.
