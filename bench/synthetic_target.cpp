@@ -3,6 +3,7 @@
 #include <kavrel/kavrel.h>
 
 #include <string>
+#include <vector>
 
 namespace kavrel::bench {
 
@@ -110,6 +111,67 @@ std::shared_ptr<TargetItem> buildSyntheticTarget(KavrelDatabase& session, const 
       item->setDataname("Data " + num((o * 4 + k) % size.dataItems, 6));
       item->setFlagPanne(k == 0);
     }
+  }
+
+  // Screens spread over the categories; labels, buttons and steps spread
+  // over the screens and buttons. The first button of a screen is its
+  // initial button.
+  auto categories = std::make_shared<CategoryItems>();
+  target->setCategories(categories);
+  std::vector<std::shared_ptr<CategoryItem>> cats;
+  for (int c = 0; c < size.categories; ++c) {
+    auto cat = categories->Add(0, "Category " + num(c, 4));
+    cat->setParent(target);
+    cats.push_back(cat);
+  }
+  std::vector<std::shared_ptr<ScreenItem>> screens;
+  for (int i = 0; i < size.screens && !cats.empty(); ++i) {
+    auto cat = cats[static_cast<size_t>(i) % cats.size()];
+    auto screen = cat->Screens()->Add(0, "Screen " + num(i, 5));
+    screen->setParent(cat);
+    screen->setScreenWidth(800);
+    screen->setScreenHeight(600);
+    screens.push_back(screen);
+  }
+  for (int i = 0; i < size.labels && !screens.empty(); ++i) {
+    auto screen = screens[static_cast<size_t>(i) % screens.size()];
+    auto label = screen->LabelItems()->Add(0);
+    label->setParent(screen);
+    label->setLabelText("Label " + std::to_string(i) + " l'\"écran\"");
+    label->setLabelLeft(120);
+    label->setLabelTop(20 + 300 * (i / static_cast<int>(screens.size())));
+    label->setLabelHeight(300);
+    label->setLabelWidth(4000);
+    label->setFontName("Arial");
+    label->setFontSize(8.25F);
+  }
+  std::vector<std::shared_ptr<ButtonItem>> buttons;
+  for (int i = 0; i < size.buttons && !screens.empty(); ++i) {
+    auto screen = screens[static_cast<size_t>(i) % screens.size()];
+    auto button = screen->ButtonItems()->Add(-1);
+    button->setParent(screen);
+    button->setCaption("Button " + num(i, 6));
+    button->setButtonLeft(120 + 1500 * (i / static_cast<int>(screens.size())));
+    button->setButtonTop(3600);
+    button->setButtonHeight(420);
+    button->setButtonWidth(1400);
+    button->setFontName("Arial");
+    button->setFontSize(9.75F);
+    button->ScenarioItems();
+    if (!screen->ButtonInit()) {
+      button->setInitButton(true);
+      button->setMessage("Starting screen " + screen->screenName());
+      screen->setButtonInit(button);
+    }
+    buttons.push_back(button);
+  }
+  for (int i = 0; i < size.steps && !buttons.empty() && size.requests > 0; ++i) {
+    auto button = buttons[static_cast<size_t>(i) % buttons.size()];
+    auto step = button->ScenarioItems()->Add(button->ScenarioItems()->Count());
+    step->setParent(button);
+    step->setRequestName("Read block " + num(i % size.requests, 5));
+    step->setRequest(requests->ItemName(step->requestName()));
+    step->setDelay(100 * (i % 5));
   }
   return target;
 }

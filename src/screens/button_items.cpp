@@ -85,7 +85,9 @@ void ButtonItem::loadXml(xml::Document& odoc, xml::Node buttonNode) {
     screens::attrBool(font, "Italic", FontItalic_);
   }
   if (xml::Node message = buttonNode.child("Message"); !message.isNull()) screens::attrText(message, "Text", Message_);
-  ScenarioItems()->loadXml(odoc, buttonNode, shared_from_this());
+  // A button not held by a shared pointer loads its steps without a parent
+  // (so without their requests).
+  ScenarioItems()->loadXml(odoc, buttonNode, weak_from_this().lock());
 }
 
 void ButtonItem::dbInsert(db::Connection& conn) {

@@ -54,7 +54,7 @@ void CategoryItem::loadXml(xml::Document& odoc, xml::Node parNode) {
   if (name) categoryName_ = *name;
   if (Screens_) Screens_->clear();
   Screens_ = std::make_shared<ScreenItems>();
-  Screens_->loadXml(odoc, parNode, shared_from_this());
+  Screens_->loadXml(odoc, parNode, weak_from_this().lock());
   if (!name) recordError(1, "CategoryItem.loadXml", "Name undefined, bad category");
 }
 

@@ -152,7 +152,16 @@ void ScreenItem::createXMLnode(xml::Document& odoc, xml::Node reqNode) {
   reqNode.setAttribute("Width", num(ScreenWidth_));
   reqNode.setAttribute("Height", num(ScreenHeight_));
   if (LabelItems_) LabelItems_->createXMLnode(odoc, reqNode);
-  if (auto init = ButtonInit()) {
+  // The initial button as an import will see it again: ButtonInit, else the
+  // first button marked InitButton.
+  auto init = ButtonInit();
+  if (!init && ButtonItems_)
+    for (const auto& b : *ButtonItems_)
+      if (b->InitButton()) {
+        init = b;
+        break;
+      }
+  if (init) {
     if (!init->Message().empty()) {
       reqNode.appendText("\n");
       reqNode.appendElement("Message").setAttribute("Text", init->Message());
@@ -167,7 +176,7 @@ void ScreenItem::createXMLnode(xml::Document& odoc, xml::Node reqNode) {
 }
 
 void ScreenItem::loadXml(xml::Document& odoc, xml::Node parNode) {
-  auto self = shared_from_this();
+  auto self = weak_from_this().lock();
   const std::optional<std::string> name = parNode.attribute("Name");
   if (name) screenName_ = *name;
   screens::attrInt(parNode, "WindowState", WindowState_);
@@ -235,7 +244,7 @@ void ScreenItem::DbRead(db::Connection& conn, const std::shared_ptr<CategoryItem
 
 void ScreenItem::dbReadAll(db::Connection& conn, const std::shared_ptr<CategoryItem>& category, int32_t screenId) {
   DbRead(conn, category, screenId);
-  auto self = shared_from_this();
+  auto self = weak_from_this().lock();
   const int32_t targetid = requireTargetId();
   // The contents are read afresh.
   clearAndDrop(LabelItems_);

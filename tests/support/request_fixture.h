@@ -36,6 +36,7 @@ class StoredTarget {
     return t;
   }
   db::Connection& conn() { return *db_.connection(); }
+  std::shared_ptr<db::Connection> sharedConn() { return db_.connection(); }
   std::string tid() const { return std::to_string(target->targetid()); }
   // A data item of the target, stored in Données unless told otherwise.
   std::shared_ptr<DataItem> addData(const std::string& name, bool store = true) {
