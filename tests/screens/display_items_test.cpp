@@ -44,6 +44,8 @@ TEST(DisplayDb, EveryKindRoundTripsWithItsLinkAndThresholds) {
   data->setFontColor(255);
   DisplayTarget::range(data, 12.5, 255, 3);
   DisplayTarget::range(data, -3, 16711680);
+  // The row names the linked data, not the link's own (stale) copy of it.
+  data->DisplayDataItem()->setDataname("Nom périmé");
   auto input = t.dataDisplay("Ecriture", "Consigne", 100);
   auto requestInput = t.requestDisplay("Reset", true, 200);
   DisplayTarget::range(requestInput, 0.1, 65280);
