@@ -13,7 +13,9 @@
 //
 // Contract:
 //  - DisplayItems::DbRead never throws. It reads the screen's rows in
-//    [Left], [Top], [Height], [Width] order; a Null font name keeps "Arial";
+//    [Left], [Top], [Height], [Width] order (then by id, so that displays at
+//    the same place keep one order whichever way they are read); a Null font
+//    name keeps "Arial"; Null numbers keep the defaults;
 //    the link of the row's type is read (data link for 3, request link for
 //    1, none otherwise) and set to null when its row is missing; RangeItems
 //    is null when the display has no thresholds. An error while reading a
