@@ -86,6 +86,24 @@ TEST_F(ScreenDb, ItemByItemInsertStoresTheSameTree) {
   EXPECT_NE(b->buttonId(), 77);
   EXPECT_EQ(s->InitId(), b->buttonId());
   EXPECT_EQ(screen(*readAll(), "Autre", "Ecran")->ButtonInit()->Caption(), "Init");
+
+  // Two buttons marked initial in memory: both insert paths store the first
+  // one, and a read marks only it.
+  for (bool bulk : {false, true}) {
+    auto twice = t.addScreen(c, bulk ? "Deux bulk" : "Deux");
+    for (const char* caption : {"y", "x"}) t.addButton(twice, caption)->setInitButton(true);
+    if (bulk) {
+      auto alone = std::make_shared<ScreenItems>();
+      alone->AddData(twice);
+      alone->DbInsertAll(conn);
+    } else {
+      twice->DbInsertAll(conn);
+    }
+    auto read = screen(*readAll(), "Autre", twice->screenName());
+    ASSERT_TRUE(read && read->ButtonInit()) << bulk;
+    EXPECT_EQ(read->ButtonInit()->Caption(), "y") << bulk;
+    EXPECT_FALSE(read->ButtonItems()->Item(1)->InitButton()) << bulk;  // "x"
+  }
 }
 
 TEST_F(ScreenDb, UpdatesRewriteEveryColumnWithQuotesKept) {
