@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <locale>
 #include <string>
 
 #include "screens/display_fixture.h"
@@ -25,17 +26,24 @@ std::string rows(DisplayTarget& t, const DisplayItem& d) {
   return s;
 }
 
-// Switches the C library to a locale with a decimal comma for the scope,
-// when the system has one.
+// Gives C++ streams a decimal comma for the scope, and the C library too
+// when the system has such a locale.
 struct CommaLocale {
-  CommaLocale() {
+  struct Comma : std::numpunct<char> {
+    char do_decimal_point() const override { return ','; }
+  };
+  CommaLocale() : previous(std::locale::global(std::locale(std::locale::classic(), new Comma))) {
     for (const char* name : {"de_DE.UTF-8", "fr_FR.UTF-8", "de_DE", "fr_FR"})
       if (std::setlocale(LC_ALL, name)) {
         active = true;
         break;
       }
   }
-  ~CommaLocale() { std::setlocale(LC_ALL, "C"); }
+  ~CommaLocale() {
+    std::setlocale(LC_ALL, "C");
+    std::locale::global(previous);
+  }
+  std::locale previous;
   bool active = false;
 };
 
