@@ -173,6 +173,47 @@ std::shared_ptr<TargetItem> buildSyntheticTarget(KavrelDatabase& session, const 
     step->setRequest(requests->ItemName(step->requestName()));
     step->setDelay(100 * (i % 5));
   }
+
+  // Displays spread over the screens, of the four kinds in turn: data,
+  // data input (a written position), request, request input; thresholds
+  // spread over the displays, every third with a sound.
+  std::vector<std::shared_ptr<DataPositionItem>> shown, written;
+  for (const auto& r : *requests)
+    for (const auto& p : *r->DataPositions()) (p->param() ? written : shown).push_back(p);
+  std::vector<std::shared_ptr<DisplayItem>> displays;
+  for (int i = 0; i < size.displays && !screens.empty() && size.requests > 0; ++i) {
+    auto screen = screens[static_cast<size_t>(i) % screens.size()];
+    auto d = screen->DisplayItems()->Add(0);
+    d->setParent(screen);
+    d->setDisplayLeft(120 + 100 * (i / static_cast<int>(screens.size())));
+    d->setDisplayTop(600 + 40 * (i % 9));
+    d->setCaptionWidth(1800 + i % 5);
+    d->setFontBold(i % 2 == 0);
+    const auto& positions = (i % 4 == 1 && !written.empty()) ? written : shown;
+    if (i % 4 < 2 && !positions.empty()) {
+      auto pos = positions[static_cast<size_t>(i / 4) % positions.size()];
+      auto link = d->DisplayDataItem();
+      link->setParent(d);
+      link->setDataname(pos->dataname());
+      link->setRequestName(pos->requestName());
+      link->setDataPosition(pos);
+    } else {
+      d->setTypeDisplay(1);
+      auto link = d->DisplayExtraItem();
+      link->setParent(d);
+      link->setRequestName("Read block " + num(i % size.requests, 5));
+      link->setRequest(requests->ItemName(link->requestName()));
+      link->setParam(i % 4 == 3);
+    }
+    displays.push_back(d);
+  }
+  for (int i = 0; i < size.thresholds && !displays.empty(); ++i) {
+    auto d = displays[static_cast<size_t>(i) % displays.size()];
+    auto range = d->RangeItems()->Add(12.5 * (i / static_cast<int>(displays.size())) - 40.25);
+    range->setParent(d);
+    range->setCouleur(255 << (8 * (i % 3)));
+    range->setSonFlag(i % 3 == 0);
+  }
   return target;
 }
 

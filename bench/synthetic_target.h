@@ -24,13 +24,16 @@ struct SyntheticSize {
   int labels = 0;
   int buttons = 0;
   int steps = 0;
+  int displays = 0;
+  int thresholds = 0;
 };
 
-inline SyntheticSize sizeS() { return {"S", 300, 1500, 3000, 5000, 50, 20, 200, 1000, 600, 2000}; }
+inline SyntheticSize sizeS() { return {"S", 300, 1500, 3000, 5000, 50, 20, 200, 1000, 600, 2000, 2000, 4000}; }
 inline SyntheticSize scaled(const SyntheticSize& s, int factor, std::string label) {
   return {std::move(label),        s.requests * factor, s.dataItems * factor, s.positions * factor,
           s.listEntries * factor,  s.organs * factor,   s.categories * factor, s.screens * factor,
-          s.labels * factor,       s.buttons * factor,  s.steps * factor};
+          s.labels * factor,       s.buttons * factor,  s.steps * factor,      s.displays * factor,
+          s.thresholds * factor};
 }
 
 // Builds the target as the session's active target. `functionAddress` must

@@ -16,6 +16,7 @@
 #include "kavrel/screens/label_items.h"
 #include "kavrel/screens/scenario_items.h"
 #include "kavrel/screens/screen_items.h"
+#include "screens/display_support.h"
 #include "screens/screen_support.h"
 
 namespace kavrel {
@@ -262,7 +263,9 @@ void CategoryItems::dbReadAll(db::Connection& conn, const std::shared_ptr<Target
     rs->close();
   }
 
-  // The displays read per screen, in the screens' order.
+  // The displays read per screen, in the screens' order; their rows are
+  // fetched once for the whole target.
+  detail::DisplayReadBatch displays(conn, targetid);
   for (size_t i = first; i < static_cast<size_t>(Count()); ++i) {
     auto c = Item(static_cast<int32_t>(i + 1));
     for (const auto& s : *c->Screens()) s->DisplayItems()->DbRead(conn, targetid, s);

@@ -11,7 +11,7 @@
 // so a [Data Name] may repeat; Cibles has no Langue / [Référence], Fonctions
 // no XId / RId, [Paramètres UCE] no failure type, Reprogrammable or date.
 // The screen tables have the current columns, except Affichages, which has
-// no [Type Affich]. Identification, the organ tables, [Type Organe], [Type Panne],
+// no [Type Affich] and carries the name of the data a display shows. Identification, the organ tables, [Type Organe], [Type Panne],
 // [Appartenance cible], [Emplacement Donnée] and Donnée_Ref are absent (no
 // reader of that layout needs them).
 #pragma once
@@ -68,10 +68,13 @@ struct OlderLayoutDb {
              "CREATE TABLE Scenarios ([Target Id] INTEGER, [Button Id] INTEGER, [Index] INTEGER, Address INTEGER, "
              "[Ecu Id] INTEGER, [Request Name] TEXT, LgVariable INTEGER, Delay INTEGER)",
              // No [Type Affich]: that layout tells a display's kind by its links.
+             // A display row names the data it shows itself (data name, address,
+             // target and written flag of a Données row).
              "CREATE TABLE Affichages ([Display Id] INTEGER PRIMARY KEY AUTOINCREMENT, [Target Id] INTEGER, "
              "[Screen Id] INTEGER, [Left] INTEGER, [Top] INTEGER, Height INTEGER, Width INTEGER, "
              "CaptionWidth INTEGER, FontName TEXT, FontSize INTEGER, FontBold INTEGER, FontItalic INTEGER, "
-             "FontColor INTEGER, Color INTEGER)"})
+             "FontColor INTEGER, Color INTEGER, [Data Name] TEXT, Address INTEGER, [Ecu Id] INTEGER, Param INTEGER)",
+             "CREATE TABLE Seuils ([Display Id] INTEGER, Seuil REAL, Couleur INTEGER, SonFlag INTEGER, Son INTEGER)"})
       conn->execute(statement);
     tx.commit();
   }
