@@ -640,8 +640,11 @@ void insertDisplaysBulk(ScreenItem& screen, int32_t targetId, ScreenBulkSets& se
   // (the empty object a display holds besides its own link) it is skipped
   // without an entry, as there is nothing of it to store: a whole-target
   // insert reports only what was lost.
+  // Called while a failure is handled: a fault of the engine or the disk
+  // (or running out of memory) is no refused row and ends the whole insert.
   auto refused = [](const char* who, const std::exception& e) {
     const auto* err = dynamic_cast<const Error*>(&e);
+    if (err == nullptr || !db::isRowRefusal(*err)) throw;
     logEvent(std::string(who) + " : " + (err ? err->description() : std::string(e.what())));
   };
   auto write = [](db::UpdatableRecordset& rs, const auto& fill) {
@@ -668,7 +671,8 @@ void insertDisplaysBulk(ScreenItem& screen, int32_t targetId, ScreenBulkSets& se
         // As a threshold's own insert: the refusal stays with the range.
         try {
           write(*sets.Seuils, [&] { detail::setRangeRow(*sets.Seuils, *r, d->id()); });
-        } catch (const Error&) {
+        } catch (const Error& e) {
+          if (!db::isRowRefusal(e)) throw;
         }
       }
     if (auto link = d->DisplayDataItem(); link && (link->DataPosition() || d->TypeDisplay() == 3)) {
