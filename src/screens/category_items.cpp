@@ -11,6 +11,7 @@
 #include "kavrel/error.h"
 #include "kavrel/platform/db.h"
 #include "kavrel/platform/host.h"
+#include "kavrel/platform/names.h"
 #include "kavrel/screens/button_items.h"
 #include "kavrel/screens/display_items.h"
 #include "kavrel/screens/label_items.h"
@@ -120,7 +121,7 @@ CategoryItems::Ptr CategoryItems::Add(int32_t categoryId, std::string categoryNa
 
 CategoryItems::Ptr CategoryItems::ItemName(std::string_view name) const {
   for (const auto& c : *this)
-    if (c->categoryName() == name) return c;
+    if (names::equal(c->categoryName(), name)) return c;
   return nullptr;
 }
 

@@ -10,6 +10,7 @@
 #include "kavrel/error.h"
 #include "kavrel/platform/db.h"
 #include "kavrel/platform/host.h"
+#include "kavrel/platform/names.h"
 #include "kavrel/requests/request_items.h"
 #include "kavrel/screens/button_items.h"
 #include "kavrel/screens/category_items.h"
@@ -362,7 +363,7 @@ ScreenItems::Ptr ScreenItems::Add(int32_t screenId, std::string screenName, std:
 
 ScreenItems::Ptr ScreenItems::ItemName(std::string_view name) const {
   for (const auto& s : *this)
-    if (s->screenName() == name) return s;
+    if (names::equal(s->screenName(), name)) return s;
   return nullptr;
 }
 
