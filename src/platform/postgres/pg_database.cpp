@@ -1,0 +1,384 @@
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/postgres/pg_internal.h"
+
+namespace kavrel::db::postgres {
+
+namespace {
+
+// Longest statement text quoted in an error description.
+constexpr size_t kShownSqlLimit = 2000;
+// Queued rows are written once they hold this many values.
+constexpr size_t kBatchValues = 20000;
+// The server takes at most 65535 parameters per statement.
+constexpr size_t kMaxParams = 60000;
+// Autonumbers are taken from the sequence in blocks growing up to this size.
+constexpr int64_t kMaxIdBlock = 4096;
+// A statement outside a transaction that loses a serialization conflict or
+// a deadlock is run again this many times.
+constexpr int kRetries = 5;
+
+// Type numbers of the server's built-in types.
+constexpr Oid kBool = 16, kInt8 = 20, kInt2 = 21, kInt4 = 23, kOid = 26, kFloat4 = 700, kFloat8 = 701,
+              kNumeric = 1700;
+
+std::string describe(std::string_view message, std::string_view sql) {
+  std::string d(message);
+  if (!sql.empty()) {
+    d += "; statement: ";
+    if (sql.size() > kShownSqlLimit) {
+      d.append(sql.substr(0, kShownSqlLimit));
+      d += "...";
+    } else {
+      d.append(sql);
+    }
+  }
+  return d;
+}
+
+// The codes of the embedded engine for the same refusals, so that callers
+// and tests see one number whichever engine refused.
+int codeFor(const std::string& state) {
+  if (state == "23505") return 2067;  // unique
+  if (state == "23503") return 787;   // relation
+  if (state == "23514") return 275;   // check
+  if (state == "23502") return 1299;  // not null
+  if (state.rfind("23", 0) == 0) return 19;
+  if (state == "40001" || state == "40P01" || state == "55P03") return 5;  // busy
+  if (state.rfind("08", 0) == 0) return 10;                                 // I/O
+  return 1;
+}
+
+bool isRetryable(const std::string& state) { return state == "40001" || state == "40P01"; }
+
+std::string trimmed(const char* s) {
+  std::string m = s ? s : "";
+  while (!m.empty() && (m.back() == '\n' || m.back() == ' ')) m.pop_back();
+  return m;
+}
+
+}  // namespace
+
+Param toParam(const Value& v) {
+  switch (v.type()) {
+    case Value::Type::Null: return std::nullopt;
+    case Value::Type::Integer: return std::to_string(v.rawInteger());
+    case Value::Type::Real: {
+      double d = v.rawReal();
+      if (std::isnan(d)) return std::string("NaN");
+      if (std::isinf(d)) return std::string(d > 0 ? "Infinity" : "-Infinity");
+      char buf[64];
+      auto [p, ec] = std::to_chars(buf, buf + sizeof buf, d);
+      return std::string(buf, ec == std::errc() ? p : buf);
+    }
+    case Value::Type::Text: return v.rawText();
+  }
+  return std::nullopt;
+}
+
+Value fieldValue(const PGresult* r, int row, int column) {
+  if (PQgetisnull(r, row, column)) return Value();
+  const char* s = PQgetvalue(r, row, column);
+  const int len = PQgetlength(r, row, column);
+  switch (PQftype(r, column)) {
+    case kInt2:
+    case kInt4:
+    case kInt8:
+    case kOid: {
+      int64_t i = 0;
+      std::from_chars(s, s + len, i);
+      return Value(i);
+    }
+    case kNumeric: {
+      int64_t i = 0;
+      auto [p, ec] = std::from_chars(s, s + len, i);
+      if (ec == std::errc() && p == s + len) return Value(i);
+      return Value(std::strtod(s, nullptr));
+    }
+    case kFloat4:
+    case kFloat8: {
+      if (std::strcmp(s, "NaN") == 0) return Value(std::nan(""));
+      return Value(std::strtod(s, nullptr));  // also reads "Infinity"
+    }
+    case kBool: return Value(s[0] == 't');  // -1 or 0, as the legacy engine
+    default: return Value(std::string(s, static_cast<size_t>(len)));
+  }
+}
+
+// --- Database ----------------------------------------------------------------
+
+Database::Database(ConnHandle conn, std::string description)
+    : conn_(std::move(conn)), description_(std::move(description)) {}
+
+Database::~Database() { close(); }
+
+PGconn* Database::handle() {
+  if (!conn_) {
+    std::string d = "The connection to '" + description_ + "' is closed";
+    throw DbError(21, kSource, d, 21, d);
+  }
+  return conn_.get();
+}
+
+void Database::close() noexcept {
+  // Rows still queued belong to a transaction the server now rolls back.
+  queued_.clear();
+  queuedValues_ = 0;
+  conn_.reset();
+  transactionDepth = 0;
+}
+
+DbError Database::errorOf(const Result& r, std::string_view sql) const {
+  std::string state = sqlState(r);
+  std::string message;
+  if (r) message = trimmed(PQresultErrorField(r.get(), PG_DIAG_MESSAGE_PRIMARY));
+  if (message.empty() && r) message = trimmed(PQresultErrorMessage(r.get()));
+  if (message.empty() && conn_) message = trimmed(PQerrorMessage(conn_.get()));
+  if (message.empty()) message = "the server gave no result";
+  if (r) {
+    const char* detail = PQresultErrorField(r.get(), PG_DIAG_MESSAGE_DETAIL);
+    if (detail) message += " (" + trimmed(detail) + ")";
+  }
+  int code = codeFor(state);
+  std::string shown = state.empty() ? message : message + " [" + state + "]";
+  return DbError(code, kSource, describe(shown, sql), code, message);
+}
+
+void Database::fail(const Result& r, std::string_view sql) { fail(errorOf(r, sql)); }
+
+void Database::fail(DbError e) {
+  errors_.clear();
+  errors_.push_back(e);
+  throw e;
+}
+
+Result Database::exec(const std::string& sql, const std::vector<Param>& params) {
+  std::vector<const char*> values;
+  values.reserve(params.size());
+  for (const Param& p : params) values.push_back(p ? p->c_str() : nullptr);
+  return Result(PQexecParams(handle(), sql.c_str(), static_cast<int>(params.size()), nullptr, values.data(),
+                             nullptr, nullptr, 0));
+}
+
+void Database::control(const std::string& sql) {
+  Result r(PQexec(handle(), sql.c_str()));
+  if (!succeeded(r)) fail(r, sql);
+}
+
+Result Database::run(std::string_view sql, const std::vector<Param>& params, std::string_view shownSql) {
+  if (shownSql.empty()) shownSql = sql;
+  if (!flushing_) flush();
+  std::string text(sql);
+  if (transactionDepth == 0) {
+    for (int attempt = 0;; ++attempt) {
+      Result r = exec(text, params);
+      if (succeeded(r)) return r;
+      if (attempt < kRetries && isRetryable(sqlState(r))) continue;
+      fail(r, shownSql);
+    }
+  }
+  // One round trip: the savepoint, the statement and its release.
+  auto results = pipeline({{"SAVEPOINT kavrel_statement", {}}, {text, params}, {"RELEASE kavrel_statement", {}}});
+  if (succeeded(results[1]) && succeeded(results[2])) return std::move(results[1]);
+  DbError e = errorOf(succeeded(results[0]) ? results[1] : results[0], shownSql);
+  Result undo(PQexec(handle(), "ROLLBACK TO kavrel_statement; RELEASE kavrel_statement"));
+  fail(e);
+}
+
+std::vector<Result> Database::pipeline(const std::vector<Query>& queries) {
+  PGconn* c = handle();
+  std::vector<Result> results;
+  if (!PQenterPipelineMode(c)) {
+    fail(DbError(10, kSource, "Cannot send several statements at once: " + trimmed(PQerrorMessage(c)), 10,
+                 trimmed(PQerrorMessage(c))));
+  }
+  bool sent = true;
+  for (const Query& q : queries) {
+    std::vector<const char*> values;
+    values.reserve(q.params.size());
+    for (const Param& p : q.params) values.push_back(p ? p->c_str() : nullptr);
+    if (!PQsendQueryParams(c, q.sql.c_str(), static_cast<int>(q.params.size()), nullptr, values.data(), nullptr,
+                           nullptr, 0)) {
+      sent = false;
+      break;
+    }
+  }
+  if (sent) sent = PQpipelineSync(c) == 1;
+  if (sent) {
+    // Each query gives its result then a null; the sync gives its own.
+    for (size_t k = 0; k < queries.size(); ++k) {
+      Result r(PQgetResult(c));
+      if (!r) break;
+      while (PGresult* extra = PQgetResult(c)) PQclear(extra);
+      results.push_back(std::move(r));
+    }
+    for (;;) {
+      Result r(PQgetResult(c));
+      if (!r || PQresultStatus(r.get()) == PGRES_PIPELINE_SYNC) break;
+    }
+  }
+  std::string message = trimmed(PQerrorMessage(c));
+  PQexitPipelineMode(c);
+  if (!sent || results.size() != queries.size()) {
+    fail(DbError(10, kSource, "The connection to the server failed: " + message, 10, message));
+  }
+  return results;
+}
+
+// --- batched rows --------------------------------------------------------------
+
+void Database::queue(QueuedRow row) {
+  queuedValues_ += row.values.size() + 1;
+  queued_.push_back(std::move(row));
+  if (queuedValues_ >= kBatchValues) flush();
+}
+
+void Database::flush() {
+  if (queued_.empty() || flushing_) return;
+  std::vector<QueuedRow> rows;
+  rows.swap(queued_);
+  queuedValues_ = 0;
+  flushing_ = true;
+  struct Reset {
+    bool& flag;
+    ~Reset() { flag = false; }
+  } reset{flushing_};
+
+  // Rows of one table with the same columns, in a row, go in one statement.
+  std::vector<Query> queries;
+  queries.push_back({"SAVEPOINT kavrel_batch", {}});
+  size_t i = 0;
+  while (i < rows.size()) {
+    const QueuedRow& head = rows[i];
+    std::string sql = "INSERT INTO " + quoteIdentifier(head.table->name) + " (";
+    for (size_t c = 0; c < head.columns.size(); ++c) sql += (c ? ", " : "") + quoteIdentifier(head.columns[c]);
+    sql += ") VALUES ";
+    Query q;
+    size_t n = 0;
+    while (i < rows.size() && rows[i].table == head.table && rows[i].columns == head.columns &&
+           q.params.size() + head.columns.size() <= kMaxParams) {
+      sql += n++ ? ", (" : "(";
+      for (size_t c = 0; c < head.columns.size(); ++c) {
+        q.params.push_back(rows[i].values[c]);
+        sql += (c ? ", $" : "$") + std::to_string(q.params.size());
+      }
+      sql += ")";
+      ++i;
+    }
+    q.sql = std::move(sql);
+    queries.push_back(std::move(q));
+  }
+  queries.push_back({"RELEASE kavrel_batch", {}});
+  auto results = pipeline(queries);
+  bool ok = true;
+  for (const Result& r : results) ok = ok && succeeded(r);
+  if (ok) return;
+  // Some row was refused: undo the batch and write its rows one by one, so
+  // that the others are still written and each refusal is known.
+  Result undo(PQexec(handle(), "ROLLBACK TO kavrel_batch; RELEASE kavrel_batch"));
+  if (!succeeded(undo)) fail(undo, "ROLLBACK TO kavrel_batch");
+  writeRowsOneByOne(rows);
+}
+
+void Database::writeRowsOneByOne(std::vector<QueuedRow>& rows) {
+  std::vector<DbError> refused;
+  for (QueuedRow& row : rows) {
+    std::string sql = "INSERT INTO " + quoteIdentifier(row.table->name) + " (";
+    std::string marks;
+    for (size_t c = 0; c < row.columns.size(); ++c) {
+      sql += (c ? ", " : "") + quoteIdentifier(row.columns[c]);
+      marks += (c ? ", $" : "$") + std::to_string(c + 1);
+    }
+    sql += ") VALUES (" + marks + ")";
+    try {
+      run(sql, row.values);
+    } catch (const DbError& e) {
+      refused.push_back(e);
+    }
+  }
+  if (!refused.empty()) {
+    errors_ = refused;
+    throw refused.front();
+  }
+}
+
+int64_t Database::nextIdentity(const TableInfo& table) {
+  IdBlock& block = ids_[table.name];
+  if (block.next >= block.end) {
+    Result r = run("SELECT nextval($1::regclass) FROM generate_series(1, $2)",
+                   {table.identitySequence, std::to_string(block.size)});
+    const int n = PQntuples(r.get());
+    if (n < 1) fail(DbError(1, kSource, "No autonumber was given for " + table.name, 1, "no autonumber"));
+    // A sequence another writer uses too gives numbers with gaps: use the
+    // run of consecutive ones at the start, and ask again afterwards.
+    int64_t firstId = fieldValue(r.get(), 0, 0).rawInteger();
+    int k = 1;
+    while (k < n && fieldValue(r.get(), k, 0).rawInteger() == firstId + k) ++k;
+    block.next = firstId;
+    block.end = firstId + k;
+    block.size = std::min(block.size * 2, kMaxIdBlock);
+  }
+  return block.next++;
+}
+
+// --- catalog ---------------------------------------------------------------------
+
+const TableInfo& Database::tableInfo(unsigned oid) {
+  auto it = tables_.find(oid);
+  if (it != tables_.end()) return it->second;
+  TableInfo info;
+  std::string id = std::to_string(oid);
+  Result r = run(
+      "SELECT c.relname, a.attnum, a.attname, a.attidentity, a.atthasdef, "
+      "pg_get_serial_sequence(quote_ident(n.nspname) || '.' || quote_ident(c.relname), a.attname) "
+      "FROM pg_class c JOIN pg_namespace n ON n.oid = c.relnamespace "
+      "JOIN pg_attribute a ON a.attrelid = c.oid WHERE c.oid = $1 AND a.attnum > 0 AND NOT a.attisdropped",
+      {id});
+  for (int row = 0; row < PQntuples(r.get()); ++row) {
+    info.name = PQgetvalue(r.get(), row, 0);
+    ColumnInfo c;
+    c.name = PQgetvalue(r.get(), row, 2);
+    bool identity = PQgetvalue(r.get(), row, 3)[0] != '\0';
+    c.hasDefault = !identity && PQgetvalue(r.get(), row, 4)[0] == 't';
+    if (identity) {
+      info.identityColumn = c.name;
+      info.identitySequence = PQgetvalue(r.get(), row, 5);
+    }
+    info.columns.emplace(std::atoi(PQgetvalue(r.get(), row, 1)), std::move(c));
+  }
+  return tables_.emplace(oid, std::move(info)).first->second;
+}
+
+const SelectShape& Database::shapeOf(const std::string& sql, std::string_view shownSql) {
+  auto it = shapes_.find(sql);
+  if (it != shapes_.end()) return it->second;
+  flush();
+  PGconn* c = handle();
+  Result prepared(PQprepare(c, "", sql.c_str(), 0, nullptr));
+  if (!succeeded(prepared)) fail(prepared, shownSql);
+  Result d(PQdescribePrepared(c, ""));
+  if (!succeeded(d)) fail(d, shownSql);
+  SelectShape shape;
+  bool oneTable = true;
+  for (int f = 0; f < PQnfields(d.get()); ++f) {
+    shape.fieldNames.push_back(PQfname(d.get(), f));
+    Oid table = PQftable(d.get(), f);
+    int column = PQftablecol(d.get(), f);
+    std::string name;
+    if (table != InvalidOid && column > 0) {
+      if (shape.tableOid == 0) shape.tableOid = table;
+      if (shape.tableOid != table) oneTable = false;
+      const TableInfo& info = tableInfo(table);
+      auto col = info.columns.find(column);
+      if (col != info.columns.end()) name = col->second.name;
+    }
+    shape.columns.push_back(std::move(name));
+  }
+  if (!oneTable) shape.tableOid = 0;
+  return shapes_.emplace(sql, std::move(shape)).first->second;
+}
+
+}  // namespace kavrel::db::postgres

@@ -1,0 +1,148 @@
+// Private parts of the PostgreSQL backend shared by its connection and result
+// sets. Nothing here is visible above src/platform/postgres.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "kavrel/platform/db.h"
+#include "platform/memory_recordset.h"
+#include "platform/postgres/pg_handle.h"
+
+namespace kavrel::db::postgres {
+
+inline constexpr const char* kSource = "PostgreSQL";
+
+// A statement parameter: text, or no value for Null. The server gives it the
+// type its place asks for.
+using Param = std::optional<std::string>;
+Param toParam(const Value& v);
+// A result field as a Value, typed by the column's type.
+Value fieldValue(const PGresult* r, int row, int column);
+
+struct Query {
+  std::string sql;
+  std::vector<Param> params;
+};
+
+struct ColumnInfo {
+  std::string name;         // as stored (lower case)
+  bool hasDefault = false;  // a default other than the autonumber
+};
+
+struct TableInfo {
+  std::string name;  // as stored
+  std::map<int, ColumnInfo> columns;  // by attribute number
+  std::string identityColumn;  // the autonumber column, or empty
+  std::string identitySequence;
+};
+
+// The layout of an updatable SELECT (read without running it).
+struct SelectShape {
+  std::vector<std::string> fieldNames;  // as stored
+  std::vector<std::string> columns;     // the table column of each field, or empty
+  unsigned tableOid = 0;
+};
+
+// A row waiting to be written with the next batch.
+struct QueuedRow {
+  const TableInfo* table;
+  std::vector<std::string> columns;
+  std::vector<Param> values;
+};
+
+// The open connection and the state every object on it shares.
+class Database {
+ public:
+  Database(ConnHandle conn, std::string description);
+  ~Database();
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+
+  PGconn* handle();  // throws when closed
+  bool isOpen() const { return conn_ != nullptr; }
+  void close() noexcept;
+  const std::string& description() const { return description_; }
+
+  // Builds the DbError of a failed result, records it and throws it.
+  [[noreturn]] void fail(const Result& r, std::string_view sql);
+  [[noreturn]] void fail(DbError e);
+  DbError errorOf(const Result& r, std::string_view sql) const;
+  std::vector<DbError>& errors() { return errors_; }
+
+  // Runs one statement (already in the engine's dialect) and returns its
+  // result; throws on failure. Inside a transaction the statement runs under
+  // a savepoint of its own, so that a failed statement leaves the
+  // transaction usable (as a failed statement does on the embedded engine).
+  // Outside one, a serialization failure or deadlock is retried.
+  Result run(std::string_view sql, const std::vector<Param>& params = {}, std::string_view shownSql = {});
+  // Runs a statement on the bare connection (transaction control).
+  void control(const std::string& sql);
+  // Runs the queries in one round trip; results in order, a query skipped
+  // after a failure gives a PGRES_PIPELINE_ABORTED result.
+  std::vector<Result> pipeline(const std::vector<Query>& queries);
+
+  // Rows written in batches: queued while a transaction is open, written
+  // together before any other statement, at commit, or every few thousand.
+  void queue(QueuedRow row);
+  void flush();
+  // Forgets the queued rows (their transaction level is being rolled back).
+  void dropQueued() noexcept {
+    queued_.clear();
+    queuedValues_ = 0;
+  }
+  bool canQueue() const { return transactionDepth > 0; }
+  // Autonumbers handed out ahead from the table's sequence.
+  int64_t nextIdentity(const TableInfo& table);
+
+  const TableInfo& tableInfo(unsigned oid);
+  const SelectShape& shapeOf(const std::string& sql, std::string_view shownSql);
+
+  int transactionDepth = 0;
+  int64_t recordsAffected = 0;
+
+ private:
+  Result exec(const std::string& sql, const std::vector<Param>& params);
+  void writeRowsOneByOne(std::vector<QueuedRow>& rows);
+
+  ConnHandle conn_;
+  std::string description_;
+  std::vector<DbError> errors_;
+  std::vector<QueuedRow> queued_;
+  size_t queuedValues_ = 0;
+  bool flushing_ = false;
+  std::unordered_map<unsigned, TableInfo> tables_;
+  std::unordered_map<std::string, SelectShape> shapes_;
+  struct IdBlock {
+    int64_t next = 0, end = 0, size = 8;
+  };
+  std::unordered_map<std::string, IdBlock> ids_;
+};
+
+// Dialect: the legacy SQL text as the engine takes it. Bracketed names
+// become quoted lower-case identifiers (the schema's names are stored in lower
+// case, so bare and bracketed spellings of any case meet), "DELETE * FROM"
+// becomes "DELETE FROM", ORDER BY on a name column sorts by the name rule,
+// and table definitions take the engine's types. A second statement is
+// refused.
+std::string adaptSql(std::string_view sql);
+// The display spelling of a stored (lower-case) name: as the schema or the
+// statement wrote it.
+std::string displayName(const std::string& stored, std::string_view sql);
+std::string quoteIdentifier(std::string_view name);
+size_t findTopLevelFrom(std::string_view select);
+
+// The schema as the engine takes it, generated from the one schema text.
+std::string schemaScript(std::string_view legacySchema);
+
+std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql);
+std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql);
+std::unique_ptr<UpdatableRecordset> makeUpdatableRecordset(std::shared_ptr<Database> db, std::string_view sql);
+
+}  // namespace kavrel::db::postgres
