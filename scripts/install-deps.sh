@@ -2,7 +2,7 @@
 # Installs the Debian packages the build needs; does nothing when all are present.
 set -euo pipefail
 
-packages=(g++ cmake make ccache libsqlite3-dev libpugixml-dev libgtest-dev libcli11-dev libbenchmark-dev
+packages=(g++ cmake make ccache libsqlite3-dev libpugixml-dev libgtest-dev libcli11-dev libbenchmark-dev libicu-dev
   pkg-config libpq-dev postgresql)
 missing=()
 for p in "${packages[@]}"; do
