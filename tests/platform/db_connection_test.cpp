@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "support/engines.h"
 #include "support/checks.h"
 #include "support/temp_db.h"
 
@@ -82,7 +83,7 @@ TEST(DbConnection, DataLinkFilesInUtf16AndUtf8) {
   EXPECT_TRUE(refusedNaming("File name=" + dir.file("empty.udl"), dir.file("empty.udl")));
 }
 
-class TransactionTest : public ::testing::Test {
+class TransactionTest : public EngineTest {
  protected:
   void SetUp() override { conn->execute("CREATE TABLE t (v INTEGER)"); }
   int64_t rows() { return conn->execute("SELECT count(*) FROM t")->field(0).toInt64(); }
@@ -91,7 +92,7 @@ class TransactionTest : public ::testing::Test {
   std::shared_ptr<db::Connection> conn = db.connection();
 };
 
-TEST_F(TransactionTest, NestedLevelsCommitAndRollBackApart) {
+TEST_P(TransactionTest, NestedLevelsCommitAndRollBackApart) {
   add(0);  // outside a transaction a statement stands at once
   EXPECT_EQ(db.openAnother()->execute("SELECT count(*) FROM t")->field(0).toInt64(), 1);
   {
@@ -123,7 +124,7 @@ TEST_F(TransactionTest, NestedLevelsCommitAndRollBackApart) {
   EXPECT_THROW(conn->rollback(), DbError);
 }
 
-TEST_F(TransactionTest, ASecondWriterWaitsInsteadOfFailing) {
+TEST_P(TransactionTest, ASecondWriterWaitsInsteadOfFailing) {
   auto other = db.openAnother();
   conn->begin();
   add(1);
@@ -143,6 +144,8 @@ TEST_F(TransactionTest, ASecondWriterWaitsInsteadOfFailing) {
   if (failure) std::rethrow_exception(failure);
   EXPECT_EQ(rows(), 2);
 }
+
+KAVREL_ON_ENGINES(TransactionTest);
 
 }  // namespace
 }  // namespace kavrel::test

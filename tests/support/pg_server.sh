@@ -21,6 +21,8 @@ as_owner() {
 
 case "$action" in
   start)
+    # A server a broken earlier run left behind goes first.
+    [ -f "$file" ] && "$0" stop "$file"
     dir=$(mktemp -d /tmp/kavrel-pg-XXXXXX)
     chmod 755 "$dir"
     [ "$(id -u)" -eq 0 ] && chown postgres: "$dir"

@@ -42,7 +42,7 @@ class PgConnection final : public Connection {
   ~PgConnection() override { db_->close(); }
 
   std::unique_ptr<Recordset> execute(std::string_view sql) override {
-    std::string adapted = adaptSql(sql);
+    std::string adapted = db_->adapt(sql);
     Result r = db_->run(adapted, {}, sql);
     if (PQresultStatus(r.get()) == PGRES_TUPLES_OK) return makeForwardRecordset(db_, std::move(r), sql);
     const char* n = PQcmdTuples(r.get());
@@ -53,7 +53,7 @@ class PgConnection final : public Connection {
   int64_t recordsAffected() const override { return db_->recordsAffected; }
 
   std::unique_ptr<ClientRecordset> openClient(std::string_view sql) override {
-    std::string adapted = adaptSql(sql);
+    std::string adapted = db_->adapt(sql);
     return makeClientRecordset(db_, db_->run(adapted, {}, sql), sql);
   }
 

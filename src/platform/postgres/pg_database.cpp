@@ -155,6 +155,14 @@ void Database::fail(DbError e) {
   throw e;
 }
 
+std::string Database::adapt(std::string_view sql) {
+  try {
+    return adaptSql(sql);
+  } catch (const DbError& e) {
+    fail(e);
+  }
+}
+
 Result Database::exec(const std::string& sql, const std::vector<Param>& params) {
   std::vector<const char*> values;
   values.reserve(params.size());

@@ -340,6 +340,25 @@ size_t findTopLevelFrom(std::string_view s) {
   return std::string_view::npos;
 }
 
+bool readsOneTable(std::string_view select) {
+  auto tokens = tokenize(select);
+  int depth = 0;
+  bool inFrom = false;
+  for (const Token& t : tokens) {
+    if (t.raw == "(") ++depth;
+    if (t.raw == ")") --depth;
+    if (depth != 0) continue;
+    if (isWord(t, "from")) {
+      inFrom = true;
+    } else if (inFrom && (isWord(t, "where") || isWord(t, "order") || isWord(t, "group") || isWord(t, "limit"))) {
+      inFrom = false;
+    } else if (inFrom && (t.raw == "," || isWord(t, "join"))) {
+      return false;
+    }
+  }
+  return true;
+}
+
 std::string schemaScript(std::string_view legacySchema) {
   std::string out =
       "CREATE COLLATION IF NOT EXISTS kavrel_name (provider = icu, locale = 'und-u-ks-level2', "

@@ -75,6 +75,8 @@ class Database {
   [[noreturn]] void fail(DbError e);
   DbError errorOf(const Result& r, std::string_view sql) const;
   std::vector<DbError>& errors() { return errors_; }
+  // adaptSql(), its refusal recorded in the error list.
+  std::string adapt(std::string_view sql);
 
   // Runs one statement (already in the engine's dialect) and returns its
   // result; throws on failure. Inside a transaction the statement runs under
@@ -137,6 +139,8 @@ std::string adaptSql(std::string_view sql);
 std::string displayName(const std::string& stored, std::string_view sql);
 std::string quoteIdentifier(std::string_view name);
 size_t findTopLevelFrom(std::string_view select);
+// False when the SELECT's FROM clause names more than one table (or one twice).
+bool readsOneTable(std::string_view select);
 
 // The schema as the engine takes it, generated from the one schema text.
 std::string schemaScript(std::string_view legacySchema);

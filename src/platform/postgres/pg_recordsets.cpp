@@ -42,6 +42,7 @@ class ForwardRecordset final : public Recordset {
 
   void moveNext() override {
     checkOpen();
+    db_->handle();  // rows are all here, but the connection must still be open, as on a file
     if (pos_ >= rows_) throwNoCurrentRow();
     ++pos_;
     load();
@@ -109,9 +110,10 @@ struct Row {
 class UpdatableRecordsetImpl final : public UpdatableRecordset {
  public:
   UpdatableRecordsetImpl(std::shared_ptr<Database> db, std::string_view sql) : db_(std::move(db)), shownSql_(sql) {
-    std::string adapted = adaptSql(sql);
+    std::string adapted = db_->adapt(sql);
     size_t from = findTopLevelFrom(adapted);
     if (from == std::string::npos) notUpdatable("no FROM clause");
+    if (!readsOneTable(adapted)) notUpdatable("it is not a SELECT on one table");
     const SelectShape& shape = db_->shapeOf(adapted, sql);
     if (shape.tableOid == 0) notUpdatable("it is not a SELECT on one table");
     table_ = &db_->tableInfo(shape.tableOid);
