@@ -89,4 +89,15 @@ class TempDb {
   std::shared_ptr<db::Connection> conn_;
 };
 
+// The first field of each row of `sql`, as texts joined by `separator`
+// (the engines have no aggregate for this in common).
+inline std::string joinedRows(db::Connection& conn, const std::string& sql, const std::string& separator = ",") {
+  std::string out;
+  bool first = true;
+  for (auto rs = conn.execute(sql); !rs->eof(); rs->moveNext(), first = false) {
+    out += (first ? "" : separator) + rs->field(0).toText();
+  }
+  return out;
+}
+
 }  // namespace kavrel::test

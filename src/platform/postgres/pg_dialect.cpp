@@ -78,6 +78,18 @@ std::vector<Token> tokenize(std::string_view s) {
         content += s[i++];
       }
       out.push_back({c == '\'' ? Kind::String : Kind::Ident, s.substr(start, i - start), std::move(content)});
+    } else if (c == '$' && (i + 1 < s.size()) && (s[i + 1] == '$' || std::isalpha(static_cast<unsigned char>(s[i + 1])))) {
+      // A dollar-quoted text ($$...$$ or $tag$...$tag$), e.g. a function body.
+      size_t close = s.find('$', i + 1);
+      std::string_view tag = close == std::string_view::npos ? std::string_view() : s.substr(i, close - i + 1);
+      size_t end = tag.empty() ? std::string_view::npos : s.find(tag, close + 1);
+      if (tag.empty() || end == std::string_view::npos) {
+        ++i;
+        out.push_back({Kind::Other, s.substr(start, 1), {}});
+      } else {
+        i = end + tag.size();
+        out.push_back({Kind::String, s.substr(start, i - start), {}});
+      }
     } else if (isWordChar(c)) {
       while (i < s.size() && isWordChar(s[i])) ++i;
       std::string_view w = s.substr(start, i - start);

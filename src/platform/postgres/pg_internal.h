@@ -99,7 +99,7 @@ class Database {
     queued_.clear();
     queuedValues_ = 0;
   }
-  bool canQueue() const { return transactionDepth > 0; }
+  bool canQueue() const { return false; }
   // Autonumbers handed out ahead from the table's sequence.
   int64_t nextIdentity(const TableInfo& table);
 
