@@ -11,7 +11,8 @@
 // synthetic document is written by a child process beforehand, so that the
 // import and its floor both start on memory the process has not touched.
 //
-// Usage: kavrel_bench [S|M|L|all] [--work DIR] [--repeat N] [--markdown]
+// Usage: kavrel_bench [S|M|L|all|legacy] [--work DIR] [--repeat N] [--markdown]
+//   legacy       the legacy Access file phase (legacy_bench.cpp) alone
 //   all          every size, then the table (ratios, growth, peak memory)
 //   --repeat N   (with all) runs each size N times, each in a fresh process,
 //                and keeps the best time of each phase and of each floor:
@@ -39,6 +40,9 @@
 #include "synthetic_target.h"
 
 namespace fs = std::filesystem;
+namespace kavrel::bench {
+int runLegacy(const fs::path& work, int repeat, bool markdown);  // legacy_bench.cpp
+}
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -284,15 +288,16 @@ int main(int argc, char** argv) {
     if (a == "--work" && i + 1 < argc) work = argv[++i];
     else if (a == "--repeat" && i + 1 < argc) repeat = std::max(1, std::atoi(argv[++i]));
     else if (a == "--markdown") markdown = true;
-    else if (a == "S" || a == "M" || a == "L" || a == "all") which = a;
+    else if (a == "S" || a == "M" || a == "L" || a == "all" || a == "legacy") which = a;
     else {
-      std::fprintf(stderr, "usage: kavrel_bench [S|M|L|all] [--work DIR] [--repeat N] [--markdown]\n");
+      std::fprintf(stderr, "usage: kavrel_bench [S|M|L|all|legacy] [--work DIR] [--repeat N] [--markdown]\n");
       return 2;
     }
   }
   const auto s = kavrel::bench::sizeS();
   std::map<std::string, kavrel::bench::SyntheticSize> sizes = {
       {"S", s}, {"M", kavrel::bench::scaled(s, 10, "M")}, {"L", kavrel::bench::scaled(s, 30, "L")}};
+  if (which == "legacy") return kavrel::bench::runLegacy(work, repeat, markdown);
   if (which != "all") return runSize(sizes[which], work);
 
   // Each size in its own process; collect its lines.

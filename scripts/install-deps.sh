@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(g++ cmake make ccache libsqlite3-dev libpugixml-dev libgtest-dev libcli11-dev libbenchmark-dev libicu-dev
-  pkg-config libpq-dev postgresql)
+  pkg-config libpq-dev postgresql mdbtools-dev libmdb3)
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then

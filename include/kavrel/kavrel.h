@@ -20,6 +20,7 @@
 #include "kavrel/requests/organe_items.h"
 #include "kavrel/requests/request_items.h"
 #include "kavrel/screens/category_items.h"
+#include "kavrel/session/convert_database.h"
 #include "kavrel/session/kavrel_database.h"
 #include "kavrel/target/auto_ident_items.h"
 #include "kavrel/target/target_item.h"

@@ -13,6 +13,7 @@
 #include <optional>
 
 #include "kavrel/platform/text.h"
+#include "platform/mdb/mdb_backend.h"
 #include "platform/postgres/pg_backend.h"
 #include "platform/sqlite/sqlite_backend.h"
 
@@ -335,7 +336,12 @@ std::shared_ptr<Connection> openFrom(std::string_view connectionString, const st
   std::vector<std::pair<std::string, std::string>> pairs;
   bool keyed = cs.find('=') != std::string_view::npos && parsePairs(cs, pairs) && !pairs.empty() &&
                isKnownKey(pairs.front().first);
-  if (!keyed) return sqlite::openDatabase(std::string(cs), description);
+  if (!keyed) {
+    // A bare file name ending in ".mdb" (this case only) is a legacy Access
+    // file, as the session's own file names are.
+    if (cs.size() > 4 && cs.substr(cs.size() - 4) == ".mdb") return mdb::openDatabase(std::string(cs), description);
+    return sqlite::openDatabase(std::string(cs), description);
+  }
 
   std::string provider, dataSource, linkFile;
   for (auto& [key, value] : pairs) {
@@ -361,8 +367,11 @@ std::shared_ptr<Connection> openFrom(std::string_view connectionString, const st
   }
   std::string lowered = asciiLowered(provider);
   if (lowered.rfind("microsoft.jet.oledb", 0) == 0 || lowered.rfind("microsoft.ace.oledb", 0) == 0) {
-    connectionError(kErrProviderNotFound,
-                    "The legacy database engine is not available here; cannot open '" + dataSource + "'");
+    // Legacy Access files are read (read-only) whatever their name.
+    if (dataSource.empty()) {
+      connectionError(kErrBadConnectionString, "The connection string names no data source: " + std::string(cs));
+    }
+    return mdb::openDatabase(resolve(dataSource), description);
   }
   if (!lowered.empty() && lowered != "sqlite" && lowered != "sqlite3") {
     connectionError(kErrProviderNotFound, "The database provider '" + provider + "' is not available here; cannot open '" +

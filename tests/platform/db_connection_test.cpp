@@ -45,9 +45,9 @@ TEST(DbConnection, OpensBarePathsAndKeyValueFormsAndRefusesNamingTheFile) {
   EXPECT_TRUE(refusedNaming("Provider=SQLite;Data Source=" + missing, missing));
   EXPECT_FALSE(std::filesystem::exists(missing));
   EXPECT_TRUE(refusedNaming(notADatabase, notADatabase));
-  // The legacy engine and unknown providers are refused by name.
+  // A missing legacy file and unknown providers are refused by name.
   const std::string jet = "Provider=Microsoft.Jet.OLEDB.4.0;Mode=ReadWrite;Data source=C:\\Bases\\X.mdb";
-  EXPECT_TRUE(refusedNaming(jet, "legacy database engine"));
+  EXPECT_TRUE(refusedNaming(jet, "does not exist"));
   EXPECT_TRUE(refusedNaming(jet, "C:\\Bases\\X.mdb"));
   EXPECT_TRUE(refusedNaming("Provider=Other.Engine;Data Source=a.db", "Other.Engine"));
   // An existing file is never overwritten.

@@ -76,7 +76,7 @@ class KavrelCli : public ::testing::Test {
 
 TEST_F(KavrelCli, UsageErrorsExitWithTwoAndHelpWithZero) {
   EXPECT_EQ(run({"--help"}).status, 0);
-  for (const char* sub : {"init", "check", "targets", "export", "import", "export-parameters", "delete"}) {
+  for (const char* sub : {"init", "check", "targets", "export", "import", "export-parameters", "delete", "convert"}) {
     const Outcome r = run({sub, "--help"});
     EXPECT_EQ(r.status, 0) << sub;
     EXPECT_TRUE(contains(r.out, "Usage")) << sub;
@@ -188,6 +188,31 @@ TEST_F(KavrelCli, ImportRefusalsLeaveTheDatabaseAsItWas) {
   EXPECT_TRUE(fails({"import", db_, file("doubled.xml"), "--replace"}, "nothing was imported"));
   EXPECT_EQ(targets(), after);
   EXPECT_EQ(run({"export", db_, fields(after)[0]}).out, readBytes(kKline));
+}
+
+TEST_F(KavrelCli, LegacyAccessFilesAreReadExportedAndConverted) {
+  const std::string legacy = sourceFile("../shared/fixtures/legacy/");
+  for (const char* name : {"definitions-v2000.mdb", "definitions-v2003.mdb"}) {
+    const std::string mdb = legacy + name;
+    EXPECT_TRUE(contains(run({"check", mdb}).out, "schema version 4")) << name;
+    const std::string listed = run({"targets", mdb}).out;
+    EXPECT_TRUE(contains(listed, "Injection diesel CAN\t123\t2\t5\t8\t4\t0\n")) << name;
+    EXPECT_EQ(run({"export", mdb, "Injection diesel CAN"}).out, readBytes(kCan)) << name;
+    EXPECT_EQ(run({"export", mdb, "Injection essence KWP 5 bauds"}).out, readBytes(kKline)) << name;
+    // Writes are refused naming the file, and say what to do.
+    EXPECT_TRUE(fails({"import", mdb, kCan, "--replace"}, "error 3027 (Access)"));
+    EXPECT_TRUE(fails({"delete", mdb, "Injection diesel CAN"}, "convert it first"));
+    const std::string out = file(std::string(name) + ".db");
+    const Outcome r = run({"convert", mdb, out});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 28);
+    EXPECT_TRUE(contains(r.out, "Requêtes: 10 rows read, 10 written\n"));
+    EXPECT_TRUE(contains(r.out, "(schema version 4, 142 rows)"));
+    EXPECT_EQ(run({"export", out, "Injection diesel CAN"}).out, readBytes(kCan));
+    EXPECT_TRUE(fails({"convert", mdb, out}, "already exists"));
+  }
+  EXPECT_TRUE(fails({"convert", file("absent.mdb"), file("x.db")}, "error 53 (Access)"));
+  EXPECT_FALSE(fs::exists(file("x.db")));
 }
 
 }  // namespace

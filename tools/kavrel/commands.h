@@ -26,6 +26,8 @@ int runImport(const std::string& database, const std::string& file, bool replace
 int runExportParameters(const std::string& database, const std::string& output,
                         const std::optional<std::string>& encoding);
 int runDelete(const std::string& database, const std::string& target);
+// Writes a new SQLite definitions database from SOURCE (convert.cpp).
+int runConvert(const std::string& source, const std::string& destination);
 
 // Prints message boxes and event-log entries on standard error as they
 // happen (installed once by main()).

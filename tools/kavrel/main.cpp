@@ -82,6 +82,15 @@ int main(int argc, char** argv) {
   deleteCmd->add_option("DB", database, "The database file")->required();
   deleteCmd->add_option("TARGET", targetName, "The target's name")->required();
 
+  std::string destination;
+  auto* convert = app.add_subcommand(
+      "convert",
+      "Write a new SQLite definitions database (schema version 4) from SOURCE: a legacy .mdb file or an SQLite "
+      "file, of version 4 (copied with its ids) or of the older layout (read target by target); one line per table "
+      "with the rows read and written");
+  convert->add_option("SOURCE", database, "The database to read")->required();
+  convert->add_option("DEST", destination, "The SQLite database file to create (must not exist)")->required();
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -98,6 +107,7 @@ int main(int argc, char** argv) {
     if (*import) return runImport(database, file, replace);
     if (*exportParameters) return runExportParameters(database, output, encoding);
     if (*deleteCmd) return runDelete(database, targetName);
+    if (*convert) return runConvert(database, destination);
   } catch (const kavrel::Error& e) {
     std::cerr << "error " << e.number() << " (" << e.source() << "): " << e.description() << '\n';
     return kExitFailure;

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -169,8 +170,10 @@ class Transaction {
 };
 
 // Opens a connection. Accepted forms:
-//  - "Provider=Microsoft.Jet.OLEDB.4.0;...;Data source=<file>": the legacy
-//    engine; refused with a clear error naming the file (not available);
+//  - "Provider=Microsoft.Jet.OLEDB.4.0;...;Data source=<file>" (or the
+//    later Access provider), and a bare path ending in ".mdb": a legacy
+//    Access file, opened read-only (every change refused with error 3027
+//    naming the file; see src/platform/mdb/mdb_backend.h);
 //  - "File name=<file.udl>": a data-link file (UTF-16 LE with BOM, or UTF-8)
 //    whose init string names the data source;
 //  - key/value pairs "Provider=SQLite;Data Source=<file>" (or without
@@ -185,6 +188,35 @@ void createDatabase(const std::string& path);
 
 // The schema's SQL text (for tools and tests).
 std::string_view schemaSql();
+
+// The schema's tables, in the order the schema creates them (a table after
+// the tables it refers to).
+std::vector<std::string> schemaTables();
+
+// One table of a copy: rows read from the source, rows written to the
+// destination.
+struct TableCopy {
+  std::string table;
+  int64_t rowsRead = 0;
+  int64_t rowsWritten = 0;
+};
+
+// Copies every table of the schema from `source`, an open definitions
+// database of schema version "4" (any backend), into `destination`, a new
+// definitions database made by createDatabase (any backend), table by table
+// in schemaTables() order, every column as it stands: ids are kept, and the
+// destination's autonumbers go on after the highest id copied. The
+// destination's tables are emptied first (a new database holds its version
+// row only). `progress`, when given, is called after each table.
+//
+// All in one transaction on the destination, relations checked at its end.
+// After each table the rows the source holds, the rows read and the rows the
+// destination holds must agree. On any failure (a table or column of the
+// schema missing in the source, a column of the source the schema does not
+// have, a row refused, counts that differ) it throws and the destination is
+// left as it was; the source is only read.
+std::vector<TableCopy> copyDatabase(Connection& source, Connection& destination,
+                                    const std::function<void(const TableCopy&)>& progress = {});
 
 // SQL text helpers for the item classes.
 namespace sql {

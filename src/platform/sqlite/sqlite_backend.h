@@ -15,6 +15,10 @@ namespace kavrel::db::sqlite {
 // the connection reports as having been opened (for messages).
 std::shared_ptr<Connection> openDatabase(const std::string& path, const std::string& description);
 
+// Opens a new, empty database held in memory (gone when closed), set up as
+// openDatabase sets up a file. `description` is what the connection reports.
+std::shared_ptr<Connection> openMemoryDatabase(const std::string& description);
+
 // Creates the file and runs `script` (several statements) in one transaction.
 // The file must not exist; on failure nothing is left behind.
 void createDatabase(const std::string& path, std::string_view script);

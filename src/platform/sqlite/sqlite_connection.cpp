@@ -92,6 +92,8 @@ class SqliteConnection final : public Connection {
 
   int transactionDepth() const override { return db_->transactionDepth; }
 
+  const std::shared_ptr<Database>& database() const { return db_; }
+
   void deferConstraintChecks() override { db_->run("PRAGMA defer_foreign_keys=ON"); }
 
   const std::vector<DbError>& errors() const override { return db_->errors(); }
@@ -121,16 +123,16 @@ class SqliteConnection final : public Connection {
 
 }  // namespace
 
-std::shared_ptr<Connection> openDatabase(const std::string& path, const std::string& description) {
-  std::error_code ec;
-  auto status = std::filesystem::status(path, ec);
-  if (!std::filesystem::exists(status)) openFailure(SQLITE_CANTOPEN, path, "the file does not exist");
-  if (std::filesystem::is_directory(status)) openFailure(SQLITE_CANTOPEN, path, "it is a folder, not a file");
+namespace {
 
+// Opens the engine on `path` with `flags` and sets the handle up as every
+// connection of this backend needs it: a database file and a database held
+// in memory go through here alike.
+std::shared_ptr<Database> connect(const std::string& path, int flags, const std::string& description) {
   sqlite3* raw = nullptr;
   // A connection belongs to one session, which runs on one thread: the
   // engine's per-call locking (taken for every column read) is not needed.
-  int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+  int rc = sqlite3_open_v2(path.c_str(), &raw, flags | SQLITE_OPEN_NOMUTEX, nullptr);
   if (rc != SQLITE_OK) {
     std::string reason = raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc);
     int code = raw ? sqlite3_extended_errcode(raw) : rc;
@@ -149,7 +151,27 @@ std::shared_ptr<Connection> openDatabase(const std::string& path, const std::str
     db->close();
     openFailure(e.backendCode(), path, e.backendMessage());
   }
-  return std::make_shared<SqliteConnection>(std::move(db));
+  return db;
+}
+
+}  // namespace
+
+std::shared_ptr<Connection> openDatabase(const std::string& path, const std::string& description) {
+  std::error_code ec;
+  auto status = std::filesystem::status(path, ec);
+  if (!std::filesystem::exists(status)) openFailure(SQLITE_CANTOPEN, path, "the file does not exist");
+  if (std::filesystem::is_directory(status)) openFailure(SQLITE_CANTOPEN, path, "it is a folder, not a file");
+  return std::make_shared<SqliteConnection>(connect(path, SQLITE_OPEN_READWRITE, description));
+}
+
+std::shared_ptr<Connection> openMemoryDatabase(const std::string& description) {
+  return std::make_shared<SqliteConnection>(
+      connect(":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_MEMORY, description));
+}
+
+std::shared_ptr<Database> databaseOf(Connection& conn) {
+  auto* c = dynamic_cast<SqliteConnection*>(&conn);
+  return c ? c->database() : nullptr;
 }
 
 void createDatabase(const std::string& path, std::string_view script) {

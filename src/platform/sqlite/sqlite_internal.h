@@ -147,6 +147,10 @@ std::string quoteIdentifier(std::string_view name);
 // Position of the top-level FROM keyword of a SELECT, or npos.
 size_t findTopLevelFrom(std::string_view select);
 
+// The database under a connection of this backend (null for another
+// backend's connection): for backends built on this one.
+std::shared_ptr<Database> databaseOf(Connection& conn);
+
 std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt);
 std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt);
 std::unique_ptr<UpdatableRecordset> makeUpdatableRecordset(std::shared_ptr<Database> db, std::string_view sql);
