@@ -431,6 +431,17 @@ void createDatabase(const std::string& path) {
   sqlite::createDatabase(path, script);
 }
 
+void removeDatabase(const std::string& path) {
+  std::string server = serverTarget(path, 0, {});
+  if (!server.empty()) {
+    postgres::removeSchema(server, postgres::redact(path), schemaTables());
+    return;
+  }
+  std::error_code ec;
+  std::filesystem::remove(std::filesystem::u8path(path), ec);
+  std::filesystem::remove(std::filesystem::u8path(path + "-journal"), ec);
+}
+
 std::string_view schemaSql() { return detail::kSchemaSql; }
 
 // --- SQL text helpers ----------------------------------------------------------

@@ -185,8 +185,11 @@ int runInit(const std::string& database, const std::string& parameters) {
     session->DbClose();
   } catch (...) {
     // A half-made database is of no use: leave nothing behind.
-    std::error_code ec;
-    fs::remove(fs::u8path(database), ec);
+    try {
+      db::removeDatabase(database);
+    } catch (...) {
+      // The first failure is the one to report.
+    }
     throw;
   }
   return 0;

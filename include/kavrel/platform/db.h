@@ -186,6 +186,12 @@ std::shared_ptr<Connection> openConnection(std::string_view connectionString);
 // and the [system] version row "4". Fails if the file already exists.
 void createDatabase(const std::string& path);
 
+// Removes what createDatabase made at `path`: the file (and its journal),
+// or, for a server database, the schema's tables and the objects made with
+// them (the database itself stays, empty). What is already gone is no
+// error; a server that cannot be reached is.
+void removeDatabase(const std::string& path);
+
 // The schema's SQL text (for tools and tests).
 std::string_view schemaSql();
 

@@ -38,6 +38,10 @@ std::shared_ptr<Connection> openDatabase(const std::string& conninfo, const std:
 void createDatabase(const std::string& conninfo, const std::string& description, std::string_view legacySchema,
                     std::string_view extra);
 
+// Drops the schema's tables (and the name collation) from the database, in
+// one transaction; tables already gone are skipped.
+void removeSchema(const std::string& conninfo, const std::string& description, const std::vector<std::string>& tables);
+
 // The schema text the engine runs, generated from the one schema text.
 std::string schemaFor(std::string_view legacySchema);
 

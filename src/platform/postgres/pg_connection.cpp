@@ -45,6 +45,9 @@ class PgConnection final : public Connection {
     std::string adapted = db_->adapt(sql);
     Result r = db_->run(adapted, {}, sql);
     if (PQresultStatus(r.get()) == PGRES_TUPLES_OK) return makeForwardRecordset(db_, std::move(r), sql);
+    if (isDefinition(adapted)) db_->forgetLayouts();
+    std::string table = insertedTable(adapted, [&](const std::string& t) { return db_->autonumberOf(t).first; });
+    if (!table.empty()) db_->autonumberGiven(table);
     const char* n = PQcmdTuples(r.get());
     db_->recordsAffected = (n && *n) ? std::atoll(n) : 0;
     return std::make_unique<EmptyRecordset>();
@@ -78,6 +81,7 @@ class PgConnection final : public Connection {
     if (!syncDepth()) noTransaction("commit");
     db_->flush();  // a refused row fails the commit; the transaction stays open
     if (db_->transactionDepth == 1) {
+      db_->settleAutonumbers();
       Result r(PQexec(db_->handle(), "COMMIT"));
       // A transaction a failure left unusable is rolled back by COMMIT.
       bool rolledBack = succeeded(r) && std::string_view(PQcmdStatus(r.get())) == "ROLLBACK";
@@ -232,6 +236,22 @@ std::string redact(std::string_view text) {
 std::shared_ptr<Connection> openDatabase(const std::string& conninfo, const std::string& description) {
   auto db = std::make_shared<Database>(connect(conninfo, description), description);
   return std::make_shared<PgConnection>(std::move(db));
+}
+
+void removeSchema(const std::string& conninfo, const std::string& description, const std::vector<std::string>& tables) {
+  ConnHandle c = connect(conninfo, description);
+  std::string script = "BEGIN;\n";
+  for (auto t = tables.rbegin(); t != tables.rend(); ++t) {
+    script += "DROP TABLE IF EXISTS " + quoteIdentifier(memory::foldName(*t)) + " CASCADE;\n";
+  }
+  script += "DROP COLLATION IF EXISTS kavrel_name;\nCOMMIT;\n";
+  Result r(PQexec(c.get(), script.c_str()));
+  if (!succeeded(r)) {
+    std::string reason = PQresultErrorMessage(r.get());
+    Result undo(PQexec(c.get(), "ROLLBACK"));
+    std::string d = "Cannot remove the tables of '" + description + "': " + reason;
+    throw DbError(1, kSource, d, 1, reason);
+  }
 }
 
 std::string schemaFor(std::string_view legacySchema) { return schemaScript(legacySchema); }

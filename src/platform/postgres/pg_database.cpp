@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -330,6 +331,37 @@ int64_t Database::nextIdentity(const TableInfo& table) {
     block.size = std::min(block.size * 2, kMaxIdBlock);
   }
   return block.next++;
+}
+
+void Database::autonumberGiven(const std::string& table) {
+  if (std::find(autonumbersGiven_.begin(), autonumbersGiven_.end(), table) == autonumbersGiven_.end()) {
+    autonumbersGiven_.push_back(table);
+  }
+  if (transactionDepth == 0) settleAutonumbers();
+}
+
+void Database::settleAutonumbers() {
+  std::vector<std::string> tables;
+  tables.swap(autonumbersGiven_);
+  for (const std::string& table : tables) {
+    const auto [column, sequence] = autonumberOf(table);
+    if (column.empty()) continue;
+    run("SELECT setval($1::regclass, greatest(m, (SELECT last_value FROM " + sequence + "))) FROM (SELECT max(" +
+            quoteIdentifier(column) + ") AS m FROM " + quoteIdentifier(table) + ") x WHERE m IS NOT NULL",
+        {sequence});
+  }
+}
+
+const std::pair<std::string, std::string>& Database::autonumberOf(const std::string& table) {
+  auto it = autonumbers_.find(table);
+  if (it != autonumbers_.end()) return it->second;
+  Result r = run(
+      "SELECT a.attname, pg_get_serial_sequence(quote_ident(c.relname), a.attname) FROM pg_class c "
+      "JOIN pg_attribute a ON a.attrelid = c.oid WHERE c.oid = to_regclass(quote_ident($1)) AND a.attidentity <> ''",
+      {table});
+  std::pair<std::string, std::string> found;
+  if (PQntuples(r.get()) == 1) found = {PQgetvalue(r.get(), 0, 0), PQgetvalue(r.get(), 0, 1)};
+  return autonumbers_.emplace(table, std::move(found)).first->second;
 }
 
 // --- catalog ---------------------------------------------------------------------

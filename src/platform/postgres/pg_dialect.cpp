@@ -352,6 +352,36 @@ size_t findTopLevelFrom(std::string_view s) {
   return std::string_view::npos;
 }
 
+bool isDefinition(std::string_view sql) {
+  auto tokens = tokenize(sql);
+  size_t i = nextSolid(tokens, 0);
+  return i < tokens.size() && (isWord(tokens[i], "create") || isWord(tokens[i], "drop") || isWord(tokens[i], "alter"));
+}
+
+std::string insertedTable(std::string_view sql, const std::function<std::string(const std::string&)>& autonumberOf) {
+  auto tokens = tokenize(sql);
+  size_t i = nextSolid(tokens, 0);
+  if (i >= tokens.size() || !isWord(tokens[i], "insert")) return {};
+  i = nextSolid(tokens, i + 1);
+  if (i >= tokens.size() || !isWord(tokens[i], "into")) return {};
+  i = nextSolid(tokens, i + 1);
+  if (i >= tokens.size() || !isName(tokens[i])) return {};
+  // Already adapted: quoted names are stored names, bare ones fold to lower case.
+  std::string table = tokens[i].kind == Kind::Ident ? tokens[i].ident : memory::foldName(tokens[i].ident);
+  const std::string autonumber = autonumberOf(table);
+  if (autonumber.empty()) return {};
+  // With a column list, only one that names the autonumber counts.
+  size_t open = nextSolid(tokens, i + 1);
+  if (open < tokens.size() && tokens[open].raw == "(") {
+    size_t k = open + 1;
+    for (; k < tokens.size() && tokens[k].raw != ")"; ++k) {
+      if (isName(tokens[k]) && memory::foldName(tokens[k].ident) == autonumber) return table;
+    }
+    return {};
+  }
+  return table;
+}
+
 bool readsOneTable(std::string_view select) {
   auto tokens = tokenize(select);
   int depth = 0;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -104,6 +105,22 @@ class Database {
   int64_t nextIdentity(const TableInfo& table);
 
   const TableInfo& tableInfo(unsigned oid);
+  // After a table definition changed: what was read of the tables goes.
+  void forgetLayouts() {
+    tables_.clear();
+    shapes_.clear();
+    autonumbers_.clear();
+  }
+
+  // A row was written with its autonumber given (a copy keeping its ids):
+  // the table's sequence goes on after the highest id, as autonumbers do on
+  // the embedded engine. Done at once outside a transaction, else when the
+  // outermost one commits.
+  void autonumberGiven(const std::string& table);
+  void settleAutonumbers();
+  // The autonumber column of a table (by stored name) and its sequence,
+  // both empty when it has none.
+  const std::pair<std::string, std::string>& autonumberOf(const std::string& table);
   const SelectShape& shapeOf(const std::string& sql, std::string_view shownSql);
 
   int transactionDepth = 0;
@@ -120,6 +137,8 @@ class Database {
   size_t queuedValues_ = 0;
   bool flushing_ = false;
   std::unordered_map<unsigned, TableInfo> tables_;
+  std::vector<std::string> autonumbersGiven_;
+  std::unordered_map<std::string, std::pair<std::string, std::string>> autonumbers_;
   std::unordered_map<std::string, SelectShape> shapes_;
   struct IdBlock {
     int64_t next = 0, end = 0, size = 8;
@@ -139,6 +158,13 @@ std::string adaptSql(std::string_view sql);
 std::string displayName(const std::string& stored, std::string_view sql);
 std::string quoteIdentifier(std::string_view name);
 size_t findTopLevelFrom(std::string_view select);
+// True for CREATE, DROP and ALTER statements.
+bool isDefinition(std::string_view sql);
+// The stored name of the table an INSERT statement writes when it gives
+// the table's autonumber column (autonumberOf: a table's autonumber column,
+// or empty), else empty.
+std::string insertedTable(std::string_view adaptedSql,
+                          const std::function<std::string(const std::string&)>& autonumberOf);
 // False when the SELECT's FROM clause names more than one table (or one twice).
 bool readsOneTable(std::string_view select);
 

@@ -346,6 +346,8 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
       queuedValues_ = values;
       db_->queue({table_, std::move(columns), std::move(values)});
     } else {
+      const std::string& identity = table_->identityColumn;
+      const bool idGiven = !identity.empty() && std::find(columns.begin(), columns.end(), identity) != columns.end();
       std::string sql = "INSERT INTO " + quoteIdentifier(table_->name);
       if (columns.empty()) {
         sql += " DEFAULT VALUES";
@@ -369,6 +371,7 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
         throw;
       }
       added_.ctid = PQgetvalue(r.get(), 0, 0);
+      if (idGiven) db_->autonumberGiven(table_->name);
       for (size_t i = 0; i < columns_.size(); ++i) {
         if (!columns_[i].empty()) added_.values[i] = fieldValue(r.get(), 0, static_cast<int>(i) + 1);
       }
