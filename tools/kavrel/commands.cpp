@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "kavrel/kavrel.h"
+#include "kavrel/platform/names.h"
 
 namespace kavrel::cli {
 
@@ -270,6 +271,9 @@ int runImport(const std::string& database, const std::string& file, bool replace
   auto target = session->ActiveTarget();
   if (target->name().empty()) fail(1, "import", "'" + file + "' holds a target without a name; nothing was imported");
 
+  // Another writer importing the same name waits here until this import
+  // ends, then finds the target stored.
+  conn.lockKey("target " + names::key(target->name()));
   int32_t address = 0;
   int32_t targetid = 0;
   const bool exists = session->DbFindUceByName(target->name(), address, targetid);

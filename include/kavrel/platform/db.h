@@ -143,6 +143,12 @@ class Connection {
   // Until the outermost transaction ends, relations between tables are
   // checked at commit instead of after each statement.
   virtual void deferConstraintChecks() = 0;
+  // Until the outermost transaction ends, another connection asking for the
+  // same key waits: for check-then-write steps such as "store the target
+  // unless one has its name" when several writers work at once. An engine
+  // that lets one writing transaction in at a time (the embedded one) has
+  // nothing to do; outside a transaction nothing is held.
+  virtual void lockKey(std::string_view key) { (void)key; }
 
   // The errors of the last failing operation (newest last), like the legacy
   // connection's error list. clearErrors() empties it.

@@ -117,6 +117,10 @@ class PgConnection final : public Connection {
     if (db_->transactionDepth > 0) db_->control("SET CONSTRAINTS ALL DEFERRED");
   }
 
+  void lockKey(std::string_view key) override {
+    if (db_->transactionDepth > 0) db_->run("SELECT pg_advisory_xact_lock(hashtextextended($1, 0))", {std::string(key)});
+  }
+
   const std::vector<DbError>& errors() const override { return db_->errors(); }
   void clearErrors() override { db_->errors().clear(); }
 
