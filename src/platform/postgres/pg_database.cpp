@@ -172,6 +172,14 @@ Result Database::exec(const std::string& sql, const std::vector<Param>& params) 
                              nullptr, nullptr, 0));
 }
 
+Result Database::execPrepared(const std::string& name, const std::vector<Param>& params) {
+  std::vector<const char*> values;
+  values.reserve(params.size());
+  for (const Param& p : params) values.push_back(p ? p->c_str() : nullptr);
+  return Result(
+      PQexecPrepared(handle(), name.c_str(), static_cast<int>(params.size()), values.data(), nullptr, nullptr, 0));
+}
+
 void Database::control(const std::string& sql) {
   Result r(PQexec(handle(), sql.c_str()));
   if (!succeeded(r)) fail(r, sql);
@@ -179,18 +187,35 @@ void Database::control(const std::string& sql) {
 
 Result Database::run(std::string_view sql, const std::vector<Param>& params, std::string_view shownSql) {
   if (shownSql.empty()) shownSql = sql;
+  return runQuery({std::string(sql), params, {}}, shownSql);
+}
+
+Result Database::runPrepared(const std::string& sql, const std::vector<Param>& params) {
+  auto it = prepared_.find(sql);
+  if (it == prepared_.end()) {
+    if (!flushing_) flush();
+    std::string name = "kavrel_" + std::to_string(prepared_.size() + 1);
+    Result r(PQprepare(handle(), name.c_str(), sql.c_str(), 0, nullptr));
+    if (!succeeded(r)) fail(r, sql);
+    it = prepared_.emplace(sql, std::move(name)).first;
+  }
+  return runQuery({sql, params, it->second}, sql);
+}
+
+Result Database::runQuery(const Query& q, std::string_view shownSql) {
   if (!flushing_) flush();
-  std::string text(sql);
+  const std::string& text = q.sql;
+  const std::vector<Param>& params = q.params;
   if (transactionDepth == 0) {
     for (int attempt = 0;; ++attempt) {
-      Result r = exec(text, params);
+      Result r = q.statement.empty() ? exec(text, params) : execPrepared(q.statement, params);
       if (succeeded(r)) return r;
       if (attempt < kRetries && isRetryable(sqlState(r))) continue;
       fail(r, shownSql);
     }
   }
   // One round trip: the savepoint, the statement and its release.
-  auto results = pipeline({{"SAVEPOINT kavrel_statement", {}}, {text, params}, {"RELEASE kavrel_statement", {}}});
+  auto results = pipeline({{"SAVEPOINT kavrel_statement", {}, {}}, q, {"RELEASE kavrel_statement", {}, {}}});
   if (succeeded(results[1]) && succeeded(results[2])) return std::move(results[1]);
   DbError e = errorOf(succeeded(results[0]) ? results[1] : results[0], shownSql);
   Result undo(PQexec(handle(), "ROLLBACK TO kavrel_statement; RELEASE kavrel_statement"));
@@ -209,8 +234,9 @@ std::vector<Result> Database::pipeline(const std::vector<Query>& queries) {
     std::vector<const char*> values;
     values.reserve(q.params.size());
     for (const Param& p : q.params) values.push_back(p ? p->c_str() : nullptr);
-    if (!PQsendQueryParams(c, q.sql.c_str(), static_cast<int>(q.params.size()), nullptr, values.data(), nullptr,
-                           nullptr, 0)) {
+    const int n = static_cast<int>(q.params.size());
+    if (!(q.statement.empty() ? PQsendQueryParams(c, q.sql.c_str(), n, nullptr, values.data(), nullptr, nullptr, 0)
+                              : PQsendQueryPrepared(c, q.statement.c_str(), n, values.data(), nullptr, nullptr, 0))) {
       sent = false;
       break;
     }
@@ -258,7 +284,7 @@ void Database::flush() {
 
   // Rows of one table with the same columns, in a row, go in one statement.
   std::vector<Query> queries;
-  queries.push_back({"SAVEPOINT kavrel_batch", {}});
+  queries.push_back({"SAVEPOINT kavrel_batch", {}, {}});
   size_t i = 0;
   while (i < rows.size()) {
     const QueuedRow& head = rows[i];
@@ -280,7 +306,7 @@ void Database::flush() {
     q.sql = std::move(sql);
     queries.push_back(std::move(q));
   }
-  queries.push_back({"RELEASE kavrel_batch", {}});
+  queries.push_back({"RELEASE kavrel_batch", {}, {}});
   auto results = pipeline(queries);
   bool ok = true;
   for (const Result& r : results) ok = ok && succeeded(r);

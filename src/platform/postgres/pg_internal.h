@@ -30,6 +30,7 @@ Value fieldValue(const PGresult* r, int row, int column);
 struct Query {
   std::string sql;
   std::vector<Param> params;
+  std::string statement;  // the name it was prepared under, or empty
 };
 
 struct ColumnInfo {
@@ -85,6 +86,9 @@ class Database {
   // transaction usable (as a failed statement does on the embedded engine).
   // Outside one, a serialization failure or deadlock is retried.
   Result run(std::string_view sql, const std::vector<Param>& params = {}, std::string_view shownSql = {});
+  // As run(), for a statement the connection runs many times (the row
+  // writes of the result sets): parsed and planned once.
+  Result runPrepared(const std::string& sql, const std::vector<Param>& params);
   // Runs a statement on the bare connection (transaction control).
   void control(const std::string& sql);
   // Runs the queries in one round trip; results in order, a query skipped
@@ -110,6 +114,10 @@ class Database {
     tables_.clear();
     shapes_.clear();
     autonumbers_.clear();
+    if (!prepared_.empty() && conn_) {
+      Result r(PQexec(conn_.get(), "DEALLOCATE ALL"));
+    }
+    prepared_.clear();
   }
 
   // A row was written with its autonumber given (a copy keeping its ids):
@@ -128,6 +136,8 @@ class Database {
 
  private:
   Result exec(const std::string& sql, const std::vector<Param>& params);
+  Result runQuery(const Query& q, std::string_view shownSql);
+  Result execPrepared(const std::string& name, const std::vector<Param>& params);
   void writeRowsOneByOne(std::vector<QueuedRow>& rows);
 
   ConnHandle conn_;
@@ -140,6 +150,7 @@ class Database {
   std::vector<std::string> autonumbersGiven_;
   std::unordered_map<std::string, std::pair<std::string, std::string>> autonumbers_;
   std::unordered_map<std::string, SelectShape> shapes_;
+  std::unordered_map<std::string, std::string> prepared_;  // text -> name
   struct IdBlock {
     int64_t next = 0, end = 0, size = 8;
   };

@@ -239,7 +239,7 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
     cancelUpdate();
     Row& row = currentRow();
     locate(row);
-    db_->run("DELETE FROM " + quoteIdentifier(table_->name) + " WHERE ctid = $1::tid", {row.ctid});
+    db_->runPrepared("DELETE FROM " + quoteIdentifier(table_->name) + " WHERE ctid = $1::tid", {row.ctid});
     row.deleted = true;
   }
 
@@ -364,7 +364,7 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
       for (const std::string& c : columns_) sql += ", " + (c.empty() ? std::string("NULL") : quoteIdentifier(c));
       Result r;
       try {
-        r = db_->run(sql, values);
+        r = db_->runPrepared(sql, values);
       } catch (...) {
         // The pending row stays for the caller.
         pendingValues_.swap(added_.values);
@@ -397,7 +397,7 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
       }
       params.push_back(row.ctid);
       sql += " WHERE ctid = $" + std::to_string(params.size()) + "::tid RETURNING ctid";
-      Result r = db_->run(sql, params);
+      Result r = db_->runPrepared(sql, params);
       if (PQntuples(r.get()) == 1) row.ctid = PQgetvalue(r.get(), 0, 0);
       for (size_t i = 0; i < columns_.size(); ++i) {
         if (pendingSet_[i]) row.values[i] = std::move(pendingValues_[i]);
