@@ -37,6 +37,7 @@
 #include <vector>
 
 #include <kavrel/kavrel.h>
+#include <kavrel/platform/names.h>
 
 #include "synthetic_target.h"
 
@@ -150,6 +151,14 @@ sqlite3* openRaw(const std::string& path) {
   sqlite3* db = nullptr;
   if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) std::exit(3);
   sqlite3_exec(db, "PRAGMA foreign_keys=ON", nullptr, nullptr, nullptr);
+  // The name columns' collation, as the library registers it.
+  sqlite3_create_collation_v2(
+      db, kavrel::names::kSqliteCollation, SQLITE_UTF8, nullptr,
+      [](void*, int la, const void* a, int lb, const void* b) {
+        return kavrel::names::compare({static_cast<const char*>(a), static_cast<size_t>(la)},
+                                      {static_cast<const char*>(b), static_cast<size_t>(lb)});
+      },
+      nullptr);
   return db;
 }
 

@@ -1,3 +1,4 @@
+#include "kavrel/platform/names.h"
 #include "kavrel/catalogues/function_items.h"
 
 #include <string>
@@ -127,7 +128,7 @@ FunctionItems::Ptr FunctionItems::ItemAddress(int32_t functionAddress) const {
 
 FunctionItems::Ptr FunctionItems::ItemName(std::string_view functionName) const {
   for (const auto& f : *this)
-    if (f->functionName() == functionName) return f;
+    if (names::equal(f->functionName(), functionName)) return f;
   return nullptr;
 }
 

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "catalogues/catalogue_support.h"
+#include "kavrel/platform/names.h"
 #include "kavrel/error.h"
 #include "kavrel/platform/db.h"
 #include "kavrel/platform/xml.h"
@@ -68,7 +69,7 @@ void insertIdLabel(db::Connection& conn, const IdLabelTable& table, const Item& 
 template <class Collection>
 typename Collection::Ptr findByLabel(const Collection& c, std::string_view nom) {
   for (const auto& t : c)
-    if (t->libelle() == nom) return t;
+    if (names::equal(t->libelle(), nom)) return t;
   return nullptr;
 }
 

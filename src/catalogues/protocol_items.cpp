@@ -1,3 +1,4 @@
+#include "kavrel/platform/names.h"
 #include "kavrel/catalogues/protocol_items.h"
 
 #include <string>
@@ -65,7 +66,7 @@ ProtocolItems::Ptr ProtocolItems::Add(int32_t initMode, bool multiPoint, std::st
 
 ProtocolItems::Ptr ProtocolItems::ItemName(std::string_view protocolName) const {
   for (const auto& p : *this)
-    if (p->protocolName() == protocolName) return p;
+    if (names::equal(p->protocolName(), protocolName)) return p;
   return nullptr;
 }
 

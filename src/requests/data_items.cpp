@@ -1,3 +1,4 @@
+#include "kavrel/platform/names.h"
 #include "kavrel/requests/data_items.h"
 
 #include <cmath>
@@ -478,14 +479,14 @@ DataItems::Ptr DataItems::Add(int32_t id, std::string_view sKey) {
   return addNew(sKey, [&](DataItem& d) { d.setId(id); });
 }
 
-std::string DataItems::nameKey(const DataItem& d) { return text::lower(d.dataname()); }
+std::string DataItems::nameKey(const DataItem& d) { return names::key(d.dataname()); }
 
-DataItems::Ptr DataItems::ItemName(std::string_view name) const { return nameIndex_.first(*this, text::lower(name)); }
+DataItems::Ptr DataItems::ItemName(std::string_view name) const { return nameIndex_.first(*this, names::key(name)); }
 
 std::vector<int32_t> DataItems::indexesOfNames(const std::vector<std::string>& names) const {
   std::vector<std::string> keys;
   keys.reserve(names.size());
-  for (const auto& n : names) keys.push_back(text::lower(n));
+  for (const auto& n : names) keys.push_back(names::key(n));
   const std::vector<uint32_t> found = nameIndex_.firstPositions(*this, keys);
   std::vector<int32_t> out(found.size(), 0);
   for (size_t i = 0; i < found.size(); ++i)
@@ -496,7 +497,7 @@ std::vector<int32_t> DataItems::indexesOfNames(const std::vector<std::string>& n
 DataItems::Ptr DataItems::ItemDuplicate(const Ptr& Item) const {
   if (!Item) return nullptr;
   // The items of that name in collection order: the first with another id.
-  const auto* same = nameIndex_.find(*this, text::lower(Item->dataname()));
+  const auto* same = nameIndex_.find(*this, names::key(Item->dataname()));
   if (!same) return nullptr;
   for (size_t i = 0; i < same->size(); ++i) {
     const Ptr& d = KeyedCollection<DataItem>::Item(static_cast<int32_t>(same->at(i)) + 1);
@@ -658,11 +659,11 @@ void DataItems::dbReadKVR(db::Connection& conn, const std::shared_ptr<TargetItem
                          "[Description]" +
                          " From Données" + targetFilter(*Ptarget) + " ORDER BY [Data Name],[param] DESC");
 
-  // First item of each lower-cased name, for the duplicate check without a
+  // First item of each name (by its name key), for the duplicate check without a
   // scan per row.
   std::unordered_map<std::string, Ptr> firstByName;
   for (const auto& d : *this)
-    if (d) firstByName.try_emplace(text::lower(d->dataname()), d);
+    if (d) firstByName.try_emplace(names::key(d->dataname()), d);
 
   for (; !rs->eof(); rs->moveNext()) {
     // A row without a length is taken as one byte rather than dropped.
@@ -729,12 +730,12 @@ void DataItems::dbReadKVR(db::Connection& conn, const std::shared_ptr<TargetItem
     if (d->liste() && d->DataListes()) d->DataListes()->dbReadKVR(conn, d);
 
     // The same name again (its writing placement): both are kept.
-    const std::string key = text::lower(name);
+    const std::string key = names::key(name);
     Ptr other;
     if (auto it = firstByName.find(key); it != firstByName.end())
       other = it->second->id() != d->id() ? it->second : ItemDuplicate(d);
-    if (other) d->setDataname(key + " - ecriture");
-    firstByName.try_emplace(text::lower(d->dataname()), d);
+    if (other) d->setDataname(text::lower(name) + " - ecriture");
+    firstByName.try_emplace(names::key(d->dataname()), d);
   }
   rs->close();
 }

@@ -1,3 +1,4 @@
+#include "kavrel/platform/names.h"
 #include "kavrel/requests/data_position_items.h"
 
 #include <bit>
@@ -239,7 +240,7 @@ void DataPositionItem::setDataname(std::string v) {
       Data_.reset();
     else
       Data_ = datas->ItemName(v);
-  } else if (Data_ && !text::iequals(Data_->dataname(), v)) {
+  } else if (Data_ && !names::equal(Data_->dataname(), v)) {
     // Nowhere to look the name up: a link to data of another name would lie.
     Data_.reset();
   }
@@ -525,7 +526,7 @@ bool DataPositionItems::dbReadKVR(db::Connection& conn, const std::shared_ptr<Re
     std::shared_ptr<DataItem> data;
     if (auto id = detail::optInt(rs->field("Data Id"))) {
       auto it = byId.find(*id);
-      if (it != byId.end() && text::iequals(text::left(it->second->dataname(), text::length(name)), name))
+      if (it != byId.end() && names::equal(text::left(it->second->dataname(), text::length(name)), name))
         data = it->second;
     }
     if (!data && datas) {

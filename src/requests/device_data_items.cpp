@@ -1,6 +1,7 @@
 // Device data: links between an organ and the data items of its target
 // (table Lien_Données_ds_Organe), each with a failure flag.
 
+#include "kavrel/platform/names.h"
 #include "kavrel/requests/device_data_items.h"
 
 #include <string>
@@ -137,7 +138,7 @@ DeviceDataItems::Ptr DeviceDataItems::Add(std::string_view sKey) {
 
 DeviceDataItems::Ptr DeviceDataItems::ItemName(std::string_view name) const {
   for (const auto& d : *this)
-    if (d && d->dataname() == name) return d;
+    if (d && names::equal(d->dataname(), name)) return d;
   return nullptr;
 }
 

@@ -1,6 +1,7 @@
 // Organs of a target: rows of Organes, their freeze-frame request link in
 // [Lien_DTC_ReqContext] and their device data in Lien_Données_ds_Organe.
 
+#include "kavrel/platform/names.h"
 #include "kavrel/requests/organe_items.h"
 
 #include <string>
@@ -275,7 +276,7 @@ OrganeItems::Ptr OrganeItems::Add(int32_t id, std::string organeName, std::strin
 
 OrganeItems::Ptr OrganeItems::ItemName(std::string_view name) const {
   for (const auto& o : *this)
-    if (o && o->organeName() == name) return o;
+    if (o && names::equal(o->organeName(), name)) return o;
   return nullptr;
 }
 
@@ -296,6 +297,7 @@ void OrganeItems::loadXml(xml::Document& odoc, xml::Node node, const std::shared
 }
 
 void OrganeItems::DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {
+  if (!target) raise(100, "", "Parent not defined");
   const std::string sql = std::string("SELECT [Organe Id], [Organe Name], Mnemonique, [Type Organe Id], DTC, OBD") +
                           " FROM Organes" + " WHERE Address=" + std::to_string(target->Address()) +
                           " AND [Target Id]=" + std::to_string(target->targetid()) + " ORDER BY [Organe Name]";
@@ -314,6 +316,7 @@ void OrganeItems::DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>
 }
 
 void OrganeItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {
+  if (!target) raise(100, "", "Parent not defined");
   const std::string tid = std::to_string(target->targetid());
   std::string sql = std::string(
                         "SELECT [Organe Id], Organes.[Organe Name], Mnemonique, [Type Organe Id], DTC, OBD,[Request "

@@ -1,3 +1,4 @@
+#include "kavrel/platform/names.h"
 #include "kavrel/requests/request_items.h"
 
 #include <utility>
@@ -345,7 +346,7 @@ RequestItems::Ptr RequestItems::Add(int32_t RequestId, std::string_view sKey) {
 }
 
 RequestItems::Ptr RequestItems::ItemName(std::string_view name) const {
-  return nameIndex_.first(*this, std::string(name));
+  return nameIndex_.first(*this, names::key(name));
 }
 
 std::shared_ptr<DataPositionItem> RequestItems::ItemDataPositionName(std::string_view requestName,
@@ -353,13 +354,13 @@ std::shared_ptr<DataPositionItem> RequestItems::ItemDataPositionName(std::string
   auto r = ItemName(requestName);
   auto positions = r ? r->DataPositions() : nullptr;
   if (!positions) return nullptr;
-  // Data names are unique per target without regard to letter case; an
-  // exact match is preferred all the same.
+  // Data names are unique per target by the name rule; an exact match is
+  // preferred all the same (a document may hold both spellings).
   std::shared_ptr<DataPositionItem> caseless;
   for (const auto& pos : *positions) {
     const std::string n = pos->dataname();
     if (n == dataname) return pos;
-    if (!caseless && text::iequals(n, dataname)) caseless = pos;
+    if (!caseless && names::equal(n, dataname)) caseless = pos;
   }
   return caseless;
 }

@@ -39,9 +39,9 @@ std::string connectionStringFor(const std::string& name) {
 
 }  // namespace
 
-std::shared_ptr<KavrelDatabase> KavrelDatabase::create() { return std::make_shared<KavrelDatabase>(); }
+std::shared_ptr<KavrelDatabase> KavrelDatabase::create() { return std::make_shared<KavrelDatabase>(CreateToken()); }
 
-KavrelDatabase::KavrelDatabase()
+KavrelDatabase::KavrelDatabase(CreateToken)
     : xmlns_(kDefaultEcuNamespace),
       xmlScreenSchema_(kDefaultScreenNamespace),
       xmlStyleSheet_(kDefaultStyleSheet),
@@ -64,6 +64,11 @@ KavrelDatabase::~KavrelDatabase() {
   DbConnection_.reset();
 }
 
+db::Connection& KavrelDatabase::connection() const {
+  if (!DbConnection_) raise(2, "", "Error database not defined");
+  return *DbConnection_;
+}
+
 void KavrelDatabase::setFileName(std::string v) {
   DbClose();
   fileName_ = std::move(v);
@@ -80,9 +85,7 @@ void KavrelDatabase::ClearTarget() {
 std::shared_ptr<TargetItem> KavrelDatabase::NewTarget() {
   ClearTarget();
   auto target = TargetItem::create();
-  // A session made on the stack (not through create()) cannot be linked to;
-  // its targets then have no parent.
-  target->setParent(weak_from_this().lock());
+  target->setParent(shared_from_this());
   ActiveTarget_ = target;
   return target;
 }
@@ -198,6 +201,11 @@ static void readCatalogues(KavrelDatabase& s, FunctionLayout layout) {
   db::Connection& conn = *s.DbConnection();
   clearLastError();
 
+  // Whatever step fails, no catalogue is left null: one the read does not
+  // reach keeps what it held, or is empty if it was never read.
+  if (!s.protocols()) s.setProtocols(std::make_shared<ProtocolItems>());
+  if (!s.typeOrganes()) s.setTypeOrganes(std::make_shared<TypeOrganeItems>());
+  if (!s.Pannes()) s.setPannes(std::make_shared<PanneItems>());
   s.setFunctions(nullptr);
   s.setFunctions(std::make_shared<FunctionItems>());
   trap([&] {

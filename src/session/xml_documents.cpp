@@ -128,9 +128,17 @@ void KavrelDatabase::ExportNamedUceToXml(const std::string& dataBaseName, const 
     return;
   }
   if (!found) {
-    // Nothing to export: say so, write no file.
+    // Nothing to export: say so, write no file, and end as a successful
+    // export does (connection closed, catalogues kept).
     recordError(1, "KavrelDatabase.ExportNamedUceToXml", "Target '" + uceName + "' not found");
-    closeKeepingError();
+    const ErrorRecord pending = lastError();
+    trap([this] {
+      if (DbConnection_) {
+        DbConnection_->close();
+        DbConnection_.reset();
+      }
+    });
+    lastError() = pending;
     return;
   }
 

@@ -177,8 +177,9 @@ void TargetParamItem::SetDefaultValue(targetParameter param) {
 // ---- database
 
 void TargetParamItem::DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {
+  if (!target) raise(100, "TargetParamItem.DbRead", "Target not defined");
   parent_ = target;
-  const int32_t targetid = target ? target->targetid() : 0;
+  const int32_t targetid = target->targetid();
   auto rs = conn.execute(std::string(kColumns) +
                          "[Little Endian], Reprogrammable, [Date Officialisation], [Paramètres UCE].[Type Panne Id], "
                          "[Type Panne].[Libelle]" +
@@ -214,8 +215,9 @@ void TargetParamItem::DbRead(db::Connection& conn, const std::shared_ptr<TargetI
 }
 
 void TargetParamItem::dbReadKVR(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {
+  if (!target) raise(100, "TargetParamItem.dbReadKVR", "Target not defined");
   parent_ = target;
-  const int32_t targetid = target ? target->targetid() : 0;
+  const int32_t targetid = target->targetid();
   auto rs = conn.execute(std::string(kColumns) + "[Little Endian]" + " FROM [Paramètres UCE]" +
                          " WHERE [Ecu Id]=" + num(targetid));
   Comment_ = rs->field("Comment").toText();
@@ -300,7 +302,8 @@ void TargetParamItem::dbUpdate(db::Connection& conn) {
 
 // ---- XML
 //
-// Line descriptions, by init mode (every attribute always written):
+// Line descriptions, by init mode (every attribute always written, except
+// that "KW2" has its "Timeout" only in "Protocol" and in the mode-1 "ISO8"):
 //   other:  <Protocol Name InitMode Multipoint BaudRate> InterByte ReplyToRequest
 //           RequestToReply TesterPresent OnError KW1 KW2 KW2_ FirstRequest
 //   0:      <K BaudRate> <ISO8> L KW1 KW2 FirstRequest </ISO8> + the five timings
@@ -310,7 +313,7 @@ void TargetParamItem::dbUpdate(db::Connection& conn) {
 //           + the five timings
 //   3, 255: <CAN BaudRate Multipoint InitMode> SendId/CANId ReceiveId/CANId
 // with InterByte@Delay, ReplyToRequest@Delay, RequestToReply@Timeout,
-// TesterPresent@Delay, OnError@Delay, KW1@Value, KW2@Value+@Timeout,
+// TesterPresent@Delay, OnError@Delay, KW1@Value, KW2@Value(+@Timeout),
 // KW2_@Delay, FirstRequest@Delay wherever these elements stand.
 
 namespace {
@@ -323,17 +326,18 @@ void writeTimings(xml::Node el, const TargetParamItem& p) {
   addLine(el, "OnError").setAttribute("Delay", num(p.ErrorDelay()));
 }
 
-void writeKeys(xml::Node el, const TargetParamItem& p) {
+// "KW2" carries the KW2 timeout only in the mode-1 "ISO8" and in "Protocol".
+void writeKeys(xml::Node el, const TargetParamItem& p, bool withTimeout) {
   addLine(el, "KW1").setAttribute("Value", num(p.key1()));
   xml::Node kw2 = addLine(el, "KW2");
   kw2.setAttribute("Value", num(p.key2()));
-  kw2.setAttribute("Timeout", num(p.KW2Timeout()));
+  if (withTimeout) kw2.setAttribute("Timeout", num(p.KW2Timeout()));
 }
 
-void writeIso8(xml::Node parent, const TargetParamItem& p) {
+void writeIso8(xml::Node parent, const TargetParamItem& p, bool withTimeout) {
   xml::Node iso8 = addLine(parent, "ISO8");
   addLine(iso8, "L");
-  writeKeys(iso8, p);
+  writeKeys(iso8, p, withTimeout);
   addLine(iso8, "FirstRequest").setAttribute("Delay", num(p.FirstRequestDelay()));
   endLines(iso8);
 }
@@ -362,16 +366,16 @@ void TargetParamItem::createXMLnode(xml::Document& /*odoc*/, xml::Node parent) {
     xml::Node k = addLine(parent, "K");
     k.setAttribute("BaudRate", num(BaudRate_));
     if (initMode_ == 0) {
-      writeIso8(k, *this);
+      writeIso8(k, *this, false);
     } else {
       xml::Node kwp = addLine(k, "KWP");
       kwp.setAttribute("Multipoint", multiPoint_ ? "1" : "0");
       if (initMode_ == 1) {
-        writeIso8(kwp, *this);
+        writeIso8(kwp, *this, true);
         addLine(kwp, "KW2_").setAttribute("Delay", num(KW2Delay_));
       } else {
         xml::Node fast = addLine(kwp, "FastInit");
-        writeKeys(fast, *this);
+        writeKeys(fast, *this, false);
         endLines(fast);
       }
       endLines(kwp);
@@ -417,7 +421,7 @@ void TargetParamItem::createXMLnode(xml::Document& /*odoc*/, xml::Node parent) {
     proto.setAttribute("Multipoint", multiPoint_ ? "1" : "0");
     proto.setAttribute("BaudRate", num(BaudRate_));
     writeTimings(proto, *this);
-    writeKeys(proto, *this);
+    writeKeys(proto, *this, true);
     addLine(proto, "KW2_").setAttribute("Delay", num(KW2Delay_));
     addLine(proto, "FirstRequest").setAttribute("Delay", num(FirstRequestDelay_));
     endLines(proto);

@@ -63,13 +63,13 @@ TEST_P(FunctionItemsDb, NullIdsUpdatesKeyRefusalAndAllOrNothingInsert) {
   EXPECT_THROW(all.DbRead(*conn), Error);  // a missing table reaches the caller
 }
 
-TEST(FunctionItems, LookupsAreExactAndFirstMatch) {
+TEST(FunctionItems, LookupsFollowTheNameRuleAndTakeTheFirstMatch) {
   FunctionItems f;
-  f.Add(10, "Moteur");
-  f.Add(11, "Moteur");
+  f.Add(10, "Électronique moteur");
+  f.Add(11, "électronique MOTEUR");
   f.Add(12, "ABS", "key");
-  EXPECT_EQ(f.ItemName("Moteur")->Address(), 10);
-  EXPECT_EQ(f.ItemName("moteur"), nullptr);
+  EXPECT_EQ(f.ItemName("ÉLECTRONIQUE MOTEUR")->Address(), 10);
+  EXPECT_EQ(f.ItemName("Electronique moteur"), nullptr);
   EXPECT_EQ(f.ItemAddress(12)->functionName(), "ABS");
   EXPECT_EQ(f.ItemAddress(99), nullptr);
   EXPECT_EQ(f.Item("key")->Address(), 12);

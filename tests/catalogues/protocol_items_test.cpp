@@ -26,7 +26,8 @@ TEST(ProtocolItems, LookupsInsertAllReadAndXml) {
   EXPECT_EQ(src.ItemId(3, false)->protocolName(), "CAN simple");
   EXPECT_EQ(src.ItemId(255, true), nullptr);
   EXPECT_EQ(src.ItemName("Sans init")->initMode(), 255);
-  EXPECT_EQ(src.ItemName("sans init"), nullptr);
+  EXPECT_EQ(src.ItemName("SANS INIT")->initMode(), 255);  // the name rule
+  EXPECT_EQ(src.ItemName("Sans init "), nullptr);
   src.dbInsertAll(*conn);
   conn->execute("INSERT INTO [Protocoles] ([Protocol Name]) VALUES ('Vide')");  // Null mode and flag
   ProtocolItems p;

@@ -133,25 +133,31 @@ TEST(DataNameIndex, ManyRenamesItemsListedTwiceAndItemsInTwoCollections) {
   EXPECT_EQ(other.ItemName(oldName), nullptr);
 }
 
-TEST(RequestNameIndex, CaseSensitiveAndFollowsRenames) {
+TEST(RequestNameIndex, FollowsTheNameRuleAndRenames) {
   RequestItems c;
   auto a = c.Add(1);
-  a->setRequestName("Read");
+  a->setRequestName("Écriture");
   auto b = c.Add(2);
-  b->setRequestName("read");
-  EXPECT_EQ(c.ItemName("read"), b);
-  EXPECT_EQ(c.ItemName("READ"), nullptr);
-  a->setRequestName("read");
-  EXPECT_EQ(c.ItemName("read"), a);
-  EXPECT_EQ(c.ItemName("Read"), nullptr);
+  b->setRequestName("Lecture");
+  EXPECT_EQ(c.ItemName("LECTURE"), b);
+  EXPECT_EQ(c.ItemName("écriture"), a);
+  EXPECT_EQ(c.ItemName("Ecriture"), nullptr);  // accents count
+  EXPECT_EQ(c.ItemName("Lecture "), nullptr);
+  a->setRequestName("lecture");  // now first of that name
+  EXPECT_EQ(c.ItemName("Lecture"), a);
+  EXPECT_EQ(c.ItemName("ÉCRITURE"), nullptr);
   c.Remove(1);
-  EXPECT_EQ(c.ItemName("read"), b);
-  // A position by request name (exact) and data name (any letter case).
+  EXPECT_EQ(c.ItemName("lecture"), b);
+  // A position by request name and data name, both by the rule; the exact
+  // spelling of a data name wins over a case variant.
   auto p = b->DataPositions()->Add();
   p->setDataname("Régime");
-  EXPECT_EQ(c.ItemDataPositionName("read", "RÉGIME"), p);
-  EXPECT_EQ(c.ItemDataPositionName("read", "Autre"), nullptr);
-  EXPECT_EQ(c.ItemDataPositionName("Read", "Régime"), nullptr);
+  auto q = b->DataPositions()->Add();
+  q->setDataname("RÉGIME");
+  EXPECT_EQ(c.ItemDataPositionName("LECTURE", "régime"), p);
+  EXPECT_EQ(c.ItemDataPositionName("lecture", "RÉGIME"), q);
+  EXPECT_EQ(c.ItemDataPositionName("lecture", "Regime"), nullptr);
+  EXPECT_EQ(c.ItemDataPositionName("Autre", "Régime"), nullptr);
   c.clear();
 }
 

@@ -203,9 +203,20 @@ TEST_P(SessionTargets, FindByNameDoublesQuotesAndNewTargetReplacesTheActiveOne) 
   EXPECT_TRUE(o.s->DbFindUceByName("Moteur d'essai", address, id));
   EXPECT_EQ(address, 122);
   EXPECT_EQ(id, count(o.conn(), "SELECT MIN([Target Id]) FROM Cibles"));
+  // Names are found by the name rule: letter case ignored, accents and
+  // blanks kept.
+  o.conn().execute("INSERT INTO Cibles (Address,[Target Name]) VALUES (124,'Électrovanne')");
+  for (const char* same : {"moteur d'essai", "MOTEUR D'ESSAI"}) {
+    address = -5;
+    EXPECT_TRUE(o.s->DbFindUceByName(same, address, id)) << same;
+    EXPECT_EQ(address, 122);
+  }
+  EXPECT_TRUE(o.s->DbFindUceByName("ÉLECTROVANNE", address, id));
+  EXPECT_EQ(address, 124);
   address = -5;
   id = -6;
-  EXPECT_FALSE(o.s->DbFindUceByName("moteur d'essai", address, id));
+  EXPECT_FALSE(o.s->DbFindUceByName("Electrovanne", address, id));
+  EXPECT_FALSE(o.s->DbFindUceByName("Moteur d'essai ", address, id));
   EXPECT_FALSE(o.s->DbFindUceByName("x' OR '1'='1", address, id));
   EXPECT_EQ(address, -5);
   EXPECT_EQ(id, -6);

@@ -217,10 +217,12 @@ TEST(TargetParamXml, EveryLineKindReadsBackAsWritten) {
     dest->Parametres()->loadXml(in, in.documentElement());
     EXPECT_EQ(written(dest), first);
     // What a line kind does not carry comes back as its default: a plain K
-    // line has no multipoint flag, a CAN or init-less line no K-line timing.
+    // line has no multipoint flag, a CAN or init-less line no K-line timing,
+    // and only the mode-1 ISO8 and the Protocol form carry the KW2 timeout.
     std::vector<targetParameter> absent;
-    if (mode == 0) absent = {p_multiPoint, p_KW2Delay};
-    if (mode == 2) absent = {p_KW2Delay, p_FirstRequestDelay};
+    if (mode == 0) absent = {p_multiPoint, p_KW2Delay, p_KW2Timeout};
+    if (mode == 2) absent = {p_KW2Delay, p_FirstRequestDelay, p_KW2Timeout};
+    EXPECT_EQ(test::contains(first, "Timeout=\"333\""), mode == 1 || mode == 7 || mode == 9) << first;
     if (mode == 3 || mode == 255)
       absent = {p_key1,         p_key2,         p_InterByteDelay,        p_KW2Delay,  p_FirstRequestDelay,
                 p_ReplyToRequestDelay, p_TesterPresentDelay, p_KW2Timeout, p_RequestToReplyTimeout, p_ErrorDelay};

@@ -46,7 +46,8 @@ class FunctionItems : public KeyedCollection<FunctionItem> {
   void clear() = delete;  // catalogues have no clear
 
   Ptr Add(int32_t Address, std::string functionName, std::string_view sKey = {});
-  // First entry with that address / exact (case-sensitive) name; null when none.
+  // First entry with that address / that name (by the name rule of
+  // kavrel/platform/names.h: letter case ignored, accents kept); null when none.
   Ptr ItemAddress(int32_t functionAddress) const;
   Ptr ItemName(std::string_view functionName) const;
 

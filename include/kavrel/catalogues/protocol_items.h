@@ -36,6 +36,8 @@ class ProtocolItems : public KeyedCollection<ProtocolItem> {
   void clear() = delete;
 
   Ptr Add(int32_t initMode, bool multiPoint, std::string protocolName, std::string_view sKey = {});
+  // First entry of that name by the name rule (kavrel/platform/names.h: letter
+  // case ignored, accents kept); null when none.
   Ptr ItemName(std::string_view protocolName) const;
   // First protocol whose initMode and multiPoint both equal the arguments.
   Ptr ItemId(int32_t initMode, bool multiPoint) const;

@@ -33,6 +33,8 @@ class TypeOrganeItems : public KeyedCollection<TypeOrganeItem> {
   void clear() = delete;
 
   Ptr Add(int32_t id, std::string libelle, std::string_view sKey = {});
+  // First entry of that name by the name rule (kavrel/platform/names.h: letter
+  // case ignored, accents kept); null when none.
   Ptr ItemName(std::string_view nom) const;
   Ptr ItemId(int32_t id) const;
 

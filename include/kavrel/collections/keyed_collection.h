@@ -94,19 +94,21 @@ class KeyedCollection {
     return d;
   }
 
-  const Ptr& Item(int32_t index) const {
+  // The element at a position or under a key, returned by value: it stays
+  // valid whatever happens to the collection afterwards (Add, Remove, clear).
+  Ptr Item(int32_t index) const {
     if (index < 1 || static_cast<size_t>(index) > entries_.size()) detail::throwBadCollectionArgument();
     return entries_[static_cast<size_t>(index - 1)];
   }
-  const Ptr& Item(std::string_view key) const {
+  Ptr Item(std::string_view key) const {
     if (!keys_) detail::throwBadCollectionArgument();
     auto it = keys_->byKey.find(std::string(key));
     if (it == keys_->byKey.end()) detail::throwBadCollectionArgument();
     return it->second;
   }
   // Avoids a string literal choosing the position overload's conversion.
-  const Ptr& Item(const char* key) const { return Item(std::string_view(key)); }
-  const Ptr& Item(const std::string& key) const { return Item(std::string_view(key)); }
+  Ptr Item(const char* key) const { return Item(std::string_view(key)); }
+  Ptr Item(const std::string& key) const { return Item(std::string_view(key)); }
 
   int32_t Count() const { return static_cast<int32_t>(entries_.size()); }
   bool empty() const { return entries_.empty(); }

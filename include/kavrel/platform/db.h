@@ -91,7 +91,8 @@ class Recordset {
 // A result set held in memory that can be filtered any number of times.
 // filter("") (or clearFilter()) shows every row again. A filter expression is
 // one equality "[Column]='text'" (quotes doubled inside) or "[Column]=number";
-// brackets are optional. The first filter on a column builds an index so that
+// brackets are optional; texts match by the name rule (kavrel/platform/names.h).
+// The first filter on a column builds an index so that
 // many filters cost little each. Rows keep the query's order under a filter.
 class ClientRecordset : public Recordset {
  public:

@@ -101,12 +101,13 @@ class DataItem : public std::enable_shared_from_this<DataItem> {
 class DataItems : public KeyedCollection<DataItem> {
  public:
   Ptr Add(int32_t id, std::string_view sKey = {});
-  // First item whose name equals `name` without letter case; null when none.
+  // First item whose name equals `name` by the name rule (kavrel/platform/names.h:
+  // letter case ignored for every letter, accents kept); null when none.
   Ptr ItemName(std::string_view name) const;
   // ItemName for many names at once (bulk loaders): for each name, the
   // 1-based index of the first item of that name, or 0 when none.
   std::vector<int32_t> indexesOfNames(const std::vector<std::string>& names) const;
-  // First item of the same name (letter case ignored) and another id.
+  // First item of the same name (by the name rule) and another id.
   Ptr ItemDuplicate(const Ptr& Item) const;
 
   void DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>& Ptarget);
@@ -119,7 +120,7 @@ class DataItems : public KeyedCollection<DataItem> {
 
  private:
   static std::string nameKey(const DataItem& d);
-  // First-match index by lower-cased name: whole-target reads and imports
+  // First-match index by name key (names::key): whole-target reads and imports
   // link thousands of positions by name.
   mutable detail::NameIndex<DataItem> nameIndex_{detail::dataNameJournal(), &DataItems::nameKey};
 };

@@ -43,6 +43,8 @@ class DeviceDataItem {
 class DeviceDataItems : public KeyedCollection<DeviceDataItem> {
  public:
   Ptr Add(std::string_view sKey = {});
+  // First entry of that name by the name rule (kavrel/platform/names.h: letter
+  // case ignored, accents kept); null when none.
   Ptr ItemName(std::string_view name) const;
   void DbRead(db::Connection& conn, const std::shared_ptr<OrganeItem>& Porgane);
   void DbInsertAll(db::Connection& conn);

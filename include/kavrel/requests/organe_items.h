@@ -71,9 +71,12 @@ class OrganeItems : public KeyedCollection<OrganeItem> {
  public:
   Ptr Add(int32_t id, std::string organeName, std::string Mnemonique, int32_t OrganeDTC, int32_t OrganeOBD,
           std::string_view sKey = {});
+  // First entry of that name by the name rule (kavrel/platform/names.h: letter
+  // case ignored, accents kept); null when none.
   Ptr ItemName(std::string_view name) const;
   void createXMLnode(xml::Document& odoc, xml::Node parent);
   void loadXml(xml::Document& odoc, xml::Node node, const std::shared_ptr<TargetItem>& Ptarget);
+  // Both readers throw error 100 "Parent not defined" for a null target.
   void dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem>& target);
   void DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>& target);
   void DbInsertAll(db::Connection& conn, int32_t Address, int32_t targetid);

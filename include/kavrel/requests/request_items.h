@@ -10,6 +10,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "kavrel/platform/names.h"
 #include "kavrel/collections/keyed_collection.h"
 #include "kavrel/collections/name_index.h"
 #include "kavrel/fwd.h"
@@ -97,7 +98,8 @@ class RequestItem : public std::enable_shared_from_this<RequestItem> {
 class RequestItems : public KeyedCollection<RequestItem> {
  public:
   Ptr Add(int32_t RequestId, std::string_view sKey = {});
-  // First request with exactly that name (case-sensitive); null when none.
+  // First request with that name by the name rule (kavrel/platform/names.h:
+  // letter case ignored, accents kept); null when none.
   Ptr ItemName(std::string_view name) const;
   std::shared_ptr<DataPositionItem> ItemDataPositionName(std::string_view requestName, std::string_view dataname) const;
 
@@ -110,8 +112,8 @@ class RequestItems : public KeyedCollection<RequestItem> {
   void dbDeleteItem(db::Connection& conn, const Ptr& Item);
 
  private:
-  static std::string nameKey(const RequestItem& r) { return r.requestName(); }
-  // First-match index by exact name (organs find their freeze-frame request).
+  static std::string nameKey(const RequestItem& r) { return names::key(r.requestName()); }
+  // First-match index by name key (organs find their freeze-frame request).
   mutable detail::NameIndex<RequestItem> nameIndex_{detail::requestNameJournal(), &RequestItems::nameKey};
 };
 

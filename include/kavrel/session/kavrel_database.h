@@ -2,8 +2,28 @@
 // definitions database. It owns the connection, the four shared catalogues,
 // at most one active target, and the settings of the XML documents it writes.
 //
-// Create it with KavrelDatabase::create() (targets keep a non-owning link
-// back to their session, which needs the session to be shared-owned).
+// Create it with KavrelDatabase::create(), the only way to make one (targets
+// keep a non-owning link back to their session, which needs the session to
+// be shared-owned; a session that could not be linked to would give its
+// targets no parent, and exports would silently lose the function name,
+// failure label and CAN identifiers).
+//
+// Behaviours a C++ user may not expect, kept from the legacy interface:
+//  - setDbVersion() accepts a value and discards it; dbVersion() only
+//    changes through IsKavrelDatabase() / CheckDatabaseVersion().
+//  - ImportUceFromXml() replaces the active target by a new, empty one
+//    before reading, so a failed import still leaves that new target active
+//    (the previous one is cleared).
+//  - A save failure of ExportParametersToXml() is reported through
+//    WarningInfo with the class name "ExportParametersToXml" (a method name)
+//    and recorded in lastError(), not thrown.
+//  - The catalogue and connection accessors return shared pointers that are
+//    null until DbOpen()/DbRead() and again after DbClose(); use
+//    connection() for a reference that throws instead.
+// Where this library keeps data safer than the legacy sequence:
+//  - DbDeleteUce() and TargetItem's whole-target insert run in one
+//    transaction: a failure leaves the database as it was;
+//  - a failed DbOpen() leaves the session closed (no half-open connection).
 //
 // Error modes follow each method's documentation: "throws" means a
 // kavrel::Error reaches the caller; "records" means the failure is left in
@@ -24,14 +44,26 @@ namespace kavrel {
 class KavrelDatabase : public std::enable_shared_from_this<KavrelDatabase> {
  public:
   static std::shared_ptr<KavrelDatabase> create();
-  KavrelDatabase();
+  // Only create() can supply the token; the constructor is public for
+  // std::make_shared.
+  class CreateToken {
+    friend class KavrelDatabase;
+    CreateToken() = default;
+  };
+  explicit KavrelDatabase(CreateToken);
   // Releases the catalogues, clears the target, closes the connection quietly.
   ~KavrelDatabase();
   KavrelDatabase(const KavrelDatabase&) = delete;
   KavrelDatabase& operator=(const KavrelDatabase&) = delete;
 
   // ---- properties
+  // Null while the session is closed (before DbOpen, after DbClose or a
+  // failed DbOpen).
   std::shared_ptr<db::Connection> DbConnection() const { return DbConnection_; }
+  // The open connection; throws error 2 "Error database not defined" when
+  // the session is closed, so `session->connection()` never dereferences
+  // a null connection.
+  db::Connection& connection() const;
   void setDbConnection(std::shared_ptr<db::Connection> c) { DbConnection_ = std::move(c); }
   std::shared_ptr<TargetItem> ActiveTarget() const { return ActiveTarget_; }
   // Stores the reference as given (does not set the target's parent).
@@ -39,6 +71,9 @@ class KavrelDatabase : public std::enable_shared_from_this<KavrelDatabase> {
   const std::string& fileName() const { return fileName_; }
   // Closes the database first (DbClose), then stores the name.
   void setFileName(std::string v);
+  // The four catalogues: null before the first DbRead()/dbReadKVR() and after
+  // DbClose(). A read that records an error leaves the catalogues it did not
+  // reach as they were, or empty if they were never read (never null).
   std::shared_ptr<FunctionItems> functions() const { return functions_; }
   void setFunctions(std::shared_ptr<FunctionItems> v) { functions_ = std::move(v); }
   std::shared_ptr<ProtocolItems> protocols() const { return protocols_; }
@@ -68,6 +103,12 @@ class KavrelDatabase : public std::enable_shared_from_this<KavrelDatabase> {
 
   // ---- XML documents
   void ExportParametersToXml(const std::string& fileName, const std::optional<std::string>& xmlEncoding = std::nullopt);
+  // Opens dataBaseName, reads the catalogues and the target named uceName,
+  // writes it to xmlFileName and closes the connection again; an error
+  // zone: failures are recorded, not thrown. When the target is exported, or
+  // not found (recorded error 1 "Target '...' not found", no file written),
+  // the catalogues stay loaded; any other failure closes the session with
+  // DbClose, which releases them.
   void ExportNamedUceToXml(const std::string& dataBaseName, const std::string& uceName, const std::string& xmlFileName);
   void ExportUceToXml(const std::string& fileName);
   void ImportUceFromXml(const std::string& fileName);

@@ -107,13 +107,23 @@ class TargetParamItem {
   bool isDefaultValue(targetParameter param, ParamValue& defaultValue) const;
   void SetDefaultValue(targetParameter param);
 
+  // Both readers throw error 100 "Target not defined" for a null target.
   void DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>& target);
   void dbReadKVR(db::Connection& conn, const std::shared_ptr<TargetItem>& target);
   void dbInsert(db::Connection& conn);
   void dbUpdate(db::Connection& conn);
 
+  // Reads the line description back; a missing element or attribute leaves
+  // its value at the construction default (so a "KW2" without "Timeout"
+  // gives KW2Timeout 300).
   void loadXml(xml::Document& odoc, xml::Node node);
   bool isCan(const xml::Node& element, CanDescription& out) const;
+  // Writes the parameters under the target element. The line description
+  // depends on initMode: "KW2" carries "Timeout" (KW2Timeout) only in the
+  // mode-1 "ISO8" and in the "Protocol" form, so modes 0 and 2 do not keep a
+  // KW2Timeout other than the default through a document. "CAN" also
+  // carries "InitMode" (beyond the documented "BaudRate" and "Multipoint"):
+  // without it, mode 3 and mode 255 could not be told apart on reading back.
   void createXMLnode(xml::Document& odoc, xml::Node parent);
 
  private:

@@ -12,7 +12,13 @@
 --  * "removes" relations are ON DELETE CASCADE; "refuses" relations are
 --    NO ACTION (never RESTRICT), so that a transaction that defers its
 --    checks can delete parents first and their children afterwards;
---  * length limits are counted in characters.
+--  * length limits are counted in characters;
+--  * names (targets, requests, data, organs, catalogue entries, categories,
+--    screens), the columns that refer to them, and the captions and label
+--    texts lists are sorted by, use the collation KAVREL_NAME: the library's
+--    name rule (letter case ignored for every letter, accents kept, French
+--    order), registered by the library on each connection it opens. UNIQUE,
+--    "=" and ORDER BY on these columns follow that rule.
 --
 -- The connection turns foreign keys on; a database opened elsewhere without
 -- them would not enforce the relations below.
@@ -28,25 +34,25 @@ CREATE TABLE [system] (
 -- (Null = none).
 CREATE TABLE [Fonctions] (
   [Address]       INTEGER PRIMARY KEY,
-  [Function Name] TEXT,
+  [Function Name] TEXT COLLATE KAVREL_NAME,
   [XId]           INTEGER,
   [RId]           INTEGER
 );
 
 CREATE TABLE [Protocoles] (
-  [Protocol Name] TEXT NOT NULL PRIMARY KEY,
+  [Protocol Name] TEXT NOT NULL PRIMARY KEY COLLATE KAVREL_NAME,
   [Init mode]     INTEGER,
   [Multipoint]    INTEGER
 );
 
 CREATE TABLE [Type Organe] (
   [Type Organe Id] INTEGER PRIMARY KEY,
-  [Libelle]        TEXT
+  [Libelle]        TEXT COLLATE KAVREL_NAME
 );
 
 CREATE TABLE [Type Panne] (
   [Type Panne Id] INTEGER PRIMARY KEY,
-  [Libelle]       TEXT
+  [Libelle]       TEXT COLLATE KAVREL_NAME
 );
 
 -- Targets -------------------------------------------------------------------
@@ -54,7 +60,7 @@ CREATE TABLE [Type Panne] (
 CREATE TABLE Cibles (
   [Target Id]   INTEGER PRIMARY KEY AUTOINCREMENT,
   Address       INTEGER,
-  [Target Name] TEXT,
+  [Target Name] TEXT COLLATE KAVREL_NAME,
   Langue        TEXT,
   [Référence]   INTEGER
 );
@@ -114,7 +120,7 @@ CREATE TABLE Requêtes (
   [Request Id]             INTEGER PRIMARY KEY AUTOINCREMENT,
   Address                  INTEGER,
   [Target Id]              INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
-  [Request Name]           TEXT NOT NULL,
+  [Request Name]           TEXT NOT NULL COLLATE KAVREL_NAME,
   [Request Bytes]          TEXT,
   [Length Datas]           INTEGER,
   ShiftBytesCount          INTEGER,
@@ -131,12 +137,12 @@ CREATE TABLE Requêtes (
   UNIQUE ([Target Id], [Request Name])
 );
 
--- Data names are unique per target without regard to letter case.
+-- Data names are unique per target (by the name rule).
 CREATE TABLE Données (
   [Data Id]    INTEGER PRIMARY KEY AUTOINCREMENT,
   Address      INTEGER,
   [Target Id]  INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
-  [Data Name]  TEXT NOT NULL COLLATE NOCASE CHECK (length([Data Name]) <= 70),
+  [Data Name]  TEXT NOT NULL COLLATE KAVREL_NAME CHECK (length([Data Name]) <= 70),
   NumberBits   INTEGER,
   Numérique    INTEGER,
   Liste        INTEGER,
@@ -174,8 +180,8 @@ CREATE TABLE Listes (
 CREATE TABLE [Emplacement Donnée] (
   Address         INTEGER,
   [Target Id]     INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
-  [Request Name]  TEXT NOT NULL,
-  [Data Name]     TEXT NOT NULL COLLATE NOCASE,
+  [Request Name]  TEXT NOT NULL COLLATE KAVREL_NAME,
+  [Data Name]     TEXT NOT NULL COLLATE KAVREL_NAME,
   StartOctet      INTEGER,
   StartBit        INTEGER,
   [Little Endian] INTEGER,
@@ -194,8 +200,8 @@ CREATE INDEX [Emplacement Donnée by data] ON [Emplacement Donnée] ([Target Id]
 CREATE TABLE Donnée_Ref (
   Address        INTEGER,
   [Target Id]    INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
-  [Data Name]    TEXT NOT NULL COLLATE NOCASE,
-  [Request Name] TEXT NOT NULL,
+  [Data Name]    TEXT NOT NULL COLLATE KAVREL_NAME,
+  [Request Name] TEXT NOT NULL COLLATE KAVREL_NAME,
   UNIQUE ([Target Id], [Data Name]),
   FOREIGN KEY ([Target Id], [Request Name], [Data Name])
     REFERENCES [Emplacement Donnée] ([Target Id], [Request Name], [Data Name])
@@ -211,7 +217,7 @@ CREATE TABLE Organes (
   [Organe Id]      INTEGER PRIMARY KEY AUTOINCREMENT,
   Address          INTEGER,
   [Target Id]      INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
-  [Organe Name]    TEXT NOT NULL CHECK (length([Organe Name]) <= 70),
+  [Organe Name]    TEXT NOT NULL COLLATE KAVREL_NAME CHECK (length([Organe Name]) <= 70),
   Mnemonique       TEXT CHECK (length(Mnemonique) <= 50),
   [Type Organe Id] INTEGER,
   DTC              INTEGER,
@@ -223,8 +229,8 @@ CREATE TABLE Organes (
 CREATE TABLE [Lien_DTC_ReqContext] (
   Address        INTEGER,
   [Target Id]    INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
-  [Request Name] TEXT NOT NULL,
-  [Organe Name]  TEXT NOT NULL,
+  [Request Name] TEXT NOT NULL COLLATE KAVREL_NAME,
+  [Organe Name]  TEXT NOT NULL COLLATE KAVREL_NAME,
   UNIQUE ([Target Id], [Organe Name]),
   FOREIGN KEY ([Target Id], [Request Name]) REFERENCES Requêtes ([Target Id], [Request Name])
     ON UPDATE CASCADE ON DELETE NO ACTION,
@@ -238,8 +244,8 @@ CREATE INDEX [Lien_DTC_ReqContext by request] ON [Lien_DTC_ReqContext] ([Target 
 CREATE TABLE Lien_Données_ds_Organe (
   Address       INTEGER,
   [Target Id]   INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
-  [Data Name]   TEXT NOT NULL COLLATE NOCASE,
-  [Organe Name] TEXT NOT NULL,
+  [Data Name]   TEXT NOT NULL COLLATE KAVREL_NAME,
+  [Organe Name] TEXT NOT NULL COLLATE KAVREL_NAME,
   [Flag Panne]  INTEGER,
   UNIQUE ([Target Id], [Organe Name], [Data Name]),
   FOREIGN KEY ([Target Id], [Data Name]) REFERENCES Données ([Target Id], [Data Name])
@@ -254,7 +260,7 @@ CREATE INDEX [Lien_Données_ds_Organe by data] ON Lien_Données_ds_Organe ([Targ
 CREATE TABLE Catégories (
   [Category Id]   INTEGER PRIMARY KEY AUTOINCREMENT,
   [Target Id]     INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
-  [Category Name] TEXT NOT NULL,
+  [Category Name] TEXT NOT NULL COLLATE KAVREL_NAME,
   UNIQUE ([Target Id], [Category Name])
 );
 
@@ -263,7 +269,7 @@ CREATE TABLE Ecrans (
   [Screen Id]   INTEGER PRIMARY KEY AUTOINCREMENT,
   [Target Id]   INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
   [Category Id] INTEGER NOT NULL REFERENCES Catégories ([Category Id]) ON DELETE NO ACTION,
-  [Screen Name] TEXT NOT NULL,
+  [Screen Name] TEXT NOT NULL COLLATE KAVREL_NAME,
   [Init Id]     INTEGER,
   WindowState   INTEGER,
   Height        INTEGER,
@@ -278,7 +284,7 @@ CREATE TABLE Titres (
   [Label Id]  INTEGER PRIMARY KEY AUTOINCREMENT,
   [Target Id] INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
   [Screen Id] INTEGER NOT NULL REFERENCES Ecrans ([Screen Id]) ON DELETE NO ACTION,
-  [Text]      TEXT,
+  [Text]      TEXT COLLATE KAVREL_NAME,
   [Left]      INTEGER,
   [Top]       INTEGER,
   Height      INTEGER,
@@ -298,7 +304,7 @@ CREATE TABLE Boutons (
   [Button Id] INTEGER PRIMARY KEY AUTOINCREMENT,
   [Target Id] INTEGER NOT NULL REFERENCES Cibles ([Target Id]) ON DELETE CASCADE,
   [Screen Id] INTEGER NOT NULL REFERENCES Ecrans ([Screen Id]) ON DELETE NO ACTION,
-  Caption     TEXT,
+  Caption     TEXT COLLATE KAVREL_NAME,
   [Left]      INTEGER,
   [Top]       INTEGER,
   Height      INTEGER,
@@ -320,7 +326,7 @@ CREATE TABLE Scenarios (
   [Index]        INTEGER NOT NULL,
   Address        INTEGER,
   [Ecu Id]       INTEGER,
-  [Request Name] TEXT NOT NULL,
+  [Request Name] TEXT NOT NULL COLLATE KAVREL_NAME,
   LgVariable     INTEGER,
   Delay          INTEGER,
   UNIQUE ([Target Id], [Button Id], [Index]),
@@ -360,8 +366,8 @@ CREATE TABLE Données_Aff (
   [Type Affich]  INTEGER,
   [Ecu Address]  INTEGER,
   [Ecu Id]       INTEGER,
-  [Data Name]    TEXT NOT NULL COLLATE NOCASE,
-  [Request Name] TEXT NOT NULL,
+  [Data Name]    TEXT NOT NULL COLLATE KAVREL_NAME,
+  [Request Name] TEXT NOT NULL COLLATE KAVREL_NAME,
   FOREIGN KEY ([Target Id], [Request Name], [Data Name])
     REFERENCES [Emplacement Donnée] ([Target Id], [Request Name], [Data Name])
     ON UPDATE CASCADE ON DELETE NO ACTION
@@ -378,7 +384,7 @@ CREATE TABLE Extra_Aff (
   [Type Affich]  INTEGER,
   [Ecu Address]  INTEGER,
   [Ecu Id]       INTEGER,
-  [Request Name] TEXT NOT NULL,
+  [Request Name] TEXT NOT NULL COLLATE KAVREL_NAME,
   LgVariable     INTEGER,
   Param          INTEGER,
   FOREIGN KEY ([Target Id], [Request Name]) REFERENCES Requêtes ([Target Id], [Request Name])

@@ -38,6 +38,7 @@ class SqliteConnection final : public Connection {
 
   std::unique_ptr<Recordset> execute(std::string_view sql) override {
     auto stmt = db_->prepare(adaptSql(sql), sql);
+    if (!db_->nameRuleCurrent && !sqlite3_stmt_readonly(stmt->get())) ensureNameRule(*db_);
     if (sqlite3_column_count(stmt->get()) > 0) return makeForwardRecordset(db_, std::move(stmt));
     stmt->runToEnd();
     db_->recordsAffected = sqlite3_changes64(db_->handle());
@@ -51,11 +52,13 @@ class SqliteConnection final : public Connection {
   }
 
   std::unique_ptr<UpdatableRecordset> openUpdatable(std::string_view sql) override {
+    ensureNameRule(*db_);
     return makeUpdatableRecordset(db_, sql);
   }
 
   void begin() override {
     syncDepth();
+    ensureNameRule(*db_);
     if (db_->transactionDepth == 0) {
       // Take the write lock at once: two writers cannot deadlock, and the
       // busy timeout makes the second one wait.
@@ -141,6 +144,7 @@ std::shared_ptr<Database> connect(const std::string& path, int flags, const std:
   }
   sqlite3_extended_result_codes(raw, 1);
   sqlite3_busy_timeout(raw, kBusyTimeoutMs);
+  registerNameCollation(raw);
   auto db = std::make_shared<Database>(raw, description);
   try {
     db->run("PRAGMA foreign_keys=ON");
@@ -150,6 +154,18 @@ std::shared_ptr<Database> connect(const std::string& path, int flags, const std:
   } catch (const DbError& e) {
     db->close();
     openFailure(e.backendCode(), path, e.backendMessage());
+  }
+  // A file of an earlier version takes the name rule now, so that lookups
+  // and orders follow it from the first read. When it cannot (names that
+  // would collide, a read-only file, a busy writer) it opens as it is: reads
+  // then follow the file's own column rules, and every write retries the
+  // upgrade first (refused with the numbered error naming the collisions).
+  if (!sqlite3_db_readonly(raw, "main")) {
+    try {
+      ensureNameRule(*db);
+    } catch (const DbError&) {
+      db->errors().clear();
+    }
   }
   return db;
 }
@@ -186,6 +202,7 @@ void createDatabase(const std::string& path, std::string_view script) {
   int code = rc;
   if (rc == SQLITE_OK) {
     sqlite3_extended_result_codes(raw, 1);
+    registerNameCollation(raw);
     // The journal of a file being created can stay in memory: on failure
     // the file is removed anyway.
     std::string all = "PRAGMA foreign_keys=ON;\nPRAGMA journal_mode=MEMORY;\nBEGIN IMMEDIATE;\n";

@@ -107,6 +107,9 @@ class Database {
 
   int transactionDepth = 0;
   int64_t recordsAffected = 0;
+  // Whether the file's name columns are known to use the name collation
+  // (checked, and upgraded if need be, before the first write).
+  bool nameRuleCurrent = false;
 
  private:
   sqlite3* db_;
@@ -150,6 +153,15 @@ size_t findTopLevelFrom(std::string_view select);
 // The database under a connection of this backend (null for another
 // backend's connection): for backends built on this one.
 std::shared_ptr<Database> databaseOf(Connection& conn);
+
+// The name rule (sqlite_names.cpp): registers the KAVREL_NAME collation on a
+// connection; on open (and, while that did not succeed, before every
+// write) upgrades a file whose name columns predate it (one transaction; refused with error 2067, file unchanged, when
+// rows would collide). The rewrite of one CREATE TABLE text is exposed for
+// tests.
+void registerNameCollation(sqlite3* db);
+void ensureNameRule(Database& db);
+std::string withNameCollationForTest(const std::string& createTable, const std::vector<std::string>& columns);
 
 std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt);
 std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt);
