@@ -3,6 +3,8 @@
 // client-side result set with its filters.
 #include "platform/memory_recordset.h"
 
+#include "kavrel/platform/names.h"
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -115,7 +117,8 @@ namespace {
 // --- filter keys ---------------------------------------------------------------
 // Values are indexed by a key text: "n" for Null, "i" + the 8 bytes of an
 // integer (also for a real without fraction, so 12 and 12.0 match), "r" + the
-// 8 bytes of any other real, "t" + a text.
+// 8 bytes of any other real, "t" + the name key of a text (so texts match
+// by the name rule: "Lecture" finds "LECTURE", "e" does not find "é").
 
 std::string integerKey(int64_t v) {
   std::string k(9, 'i');
@@ -134,7 +137,7 @@ std::string realKey(double d) {
 
 std::string textKey(std::string_view t) {
   std::string k = "t";
-  k.append(t);
+  k.append(names::key(t));
   return k;
 }
 
@@ -147,7 +150,7 @@ void setValueKey(std::string& key, const Value& v) {
     case Value::Type::Real: key = realKey(v.rawReal()); return;
     case Value::Type::Text:
       key.assign(1, 't');
-      key.append(v.rawText());
+      key.append(names::key(v.rawText()));
       return;
   }
   key = "n";
