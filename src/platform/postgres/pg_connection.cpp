@@ -66,9 +66,6 @@ class PgConnection final : public Connection {
 
   void begin() override {
     syncDepth();
-    // Each level starts with no queued row, so that rolling a level back
-    // drops exactly the rows queued in it.
-    db_->flush();
     if (db_->transactionDepth == 0) {
       db_->control("BEGIN");
     } else {
@@ -79,7 +76,6 @@ class PgConnection final : public Connection {
 
   void commit() override {
     if (!syncDepth()) noTransaction("commit");
-    db_->flush();  // a refused row fails the commit; the transaction stays open
     if (db_->transactionDepth == 1) {
       db_->settleAutonumbers();
       Result r(PQexec(db_->handle(), "COMMIT"));
@@ -101,7 +97,6 @@ class PgConnection final : public Connection {
 
   void rollback() override {
     if (!syncDepth()) noTransaction("roll back");
-    db_->dropQueued();
     if (db_->transactionDepth == 1) {
       db_->control("ROLLBACK");
     } else {

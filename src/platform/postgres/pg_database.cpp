@@ -12,12 +12,6 @@ namespace {
 
 // Longest statement text quoted in an error description.
 constexpr size_t kShownSqlLimit = 2000;
-// Queued rows are written once they hold this many values.
-constexpr size_t kBatchValues = 20000;
-// The server takes at most 65535 parameters per statement.
-constexpr size_t kMaxParams = 60000;
-// Autonumbers are taken from the sequence in blocks growing up to this size.
-constexpr int64_t kMaxIdBlock = 4096;
 // A statement outside a transaction that loses a serialization conflict or
 // a deadlock is run again this many times.
 constexpr int kRetries = 5;
@@ -125,9 +119,6 @@ PGconn* Database::handle() {
 }
 
 void Database::close() noexcept {
-  // Rows still queued belong to a transaction the server now rolls back.
-  queued_.clear();
-  queuedValues_ = 0;
   conn_.reset();
   transactionDepth = 0;
 }
@@ -193,7 +184,6 @@ Result Database::run(std::string_view sql, const std::vector<Param>& params, std
 Result Database::runPrepared(const std::string& sql, const std::vector<Param>& params) {
   auto it = prepared_.find(sql);
   if (it == prepared_.end()) {
-    if (!flushing_) flush();
     std::string name = "kavrel_" + std::to_string(prepared_.size() + 1);
     Result r(PQprepare(handle(), name.c_str(), sql.c_str(), 0, nullptr));
     if (!succeeded(r)) fail(r, sql);
@@ -203,7 +193,6 @@ Result Database::runPrepared(const std::string& sql, const std::vector<Param>& p
 }
 
 Result Database::runQuery(const Query& q, std::string_view shownSql) {
-  if (!flushing_) flush();
   const std::string& text = q.sql;
   const std::vector<Param>& params = q.params;
   if (transactionDepth == 0) {
@@ -263,101 +252,7 @@ std::vector<Result> Database::pipeline(const std::vector<Query>& queries) {
   return results;
 }
 
-// --- batched rows --------------------------------------------------------------
-
-void Database::queue(QueuedRow row) {
-  queuedValues_ += row.values.size() + 1;
-  queued_.push_back(std::move(row));
-  if (queuedValues_ >= kBatchValues) flush();
-}
-
-void Database::flush() {
-  if (queued_.empty() || flushing_) return;
-  std::vector<QueuedRow> rows;
-  rows.swap(queued_);
-  queuedValues_ = 0;
-  flushing_ = true;
-  struct Reset {
-    bool& flag;
-    ~Reset() { flag = false; }
-  } reset{flushing_};
-
-  // Rows of one table with the same columns, in a row, go in one statement.
-  std::vector<Query> queries;
-  queries.push_back({"SAVEPOINT kavrel_batch", {}, {}});
-  size_t i = 0;
-  while (i < rows.size()) {
-    const QueuedRow& head = rows[i];
-    std::string sql = "INSERT INTO " + quoteIdentifier(head.table->name) + " (";
-    for (size_t c = 0; c < head.columns.size(); ++c) sql += (c ? ", " : "") + quoteIdentifier(head.columns[c]);
-    sql += ") VALUES ";
-    Query q;
-    size_t n = 0;
-    while (i < rows.size() && rows[i].table == head.table && rows[i].columns == head.columns &&
-           q.params.size() + head.columns.size() <= kMaxParams) {
-      sql += n++ ? ", (" : "(";
-      for (size_t c = 0; c < head.columns.size(); ++c) {
-        q.params.push_back(rows[i].values[c]);
-        sql += (c ? ", $" : "$") + std::to_string(q.params.size());
-      }
-      sql += ")";
-      ++i;
-    }
-    q.sql = std::move(sql);
-    queries.push_back(std::move(q));
-  }
-  queries.push_back({"RELEASE kavrel_batch", {}, {}});
-  auto results = pipeline(queries);
-  bool ok = true;
-  for (const Result& r : results) ok = ok && succeeded(r);
-  if (ok) return;
-  // Some row was refused: undo the batch and write its rows one by one, so
-  // that the others are still written and each refusal is known.
-  Result undo(PQexec(handle(), "ROLLBACK TO kavrel_batch; RELEASE kavrel_batch"));
-  if (!succeeded(undo)) fail(undo, "ROLLBACK TO kavrel_batch");
-  writeRowsOneByOne(rows);
-}
-
-void Database::writeRowsOneByOne(std::vector<QueuedRow>& rows) {
-  std::vector<DbError> refused;
-  for (QueuedRow& row : rows) {
-    std::string sql = "INSERT INTO " + quoteIdentifier(row.table->name) + " (";
-    std::string marks;
-    for (size_t c = 0; c < row.columns.size(); ++c) {
-      sql += (c ? ", " : "") + quoteIdentifier(row.columns[c]);
-      marks += (c ? ", $" : "$") + std::to_string(c + 1);
-    }
-    sql += ") VALUES (" + marks + ")";
-    try {
-      run(sql, row.values);
-    } catch (const DbError& e) {
-      refused.push_back(e);
-    }
-  }
-  if (!refused.empty()) {
-    errors_ = refused;
-    throw refused.front();
-  }
-}
-
-int64_t Database::nextIdentity(const TableInfo& table) {
-  IdBlock& block = ids_[table.name];
-  if (block.next >= block.end) {
-    Result r = run("SELECT nextval($1::regclass) FROM generate_series(1, $2)",
-                   {table.identitySequence, std::to_string(block.size)});
-    const int n = PQntuples(r.get());
-    if (n < 1) fail(DbError(1, kSource, "No autonumber was given for " + table.name, 1, "no autonumber"));
-    // A sequence another writer uses too gives numbers with gaps: use the
-    // run of consecutive ones at the start, and ask again afterwards.
-    int64_t firstId = fieldValue(r.get(), 0, 0).rawInteger();
-    int k = 1;
-    while (k < n && fieldValue(r.get(), k, 0).rawInteger() == firstId + k) ++k;
-    block.next = firstId;
-    block.end = firstId + k;
-    block.size = std::min(block.size * 2, kMaxIdBlock);
-  }
-  return block.next++;
-}
+// --- autonumbers ------------------------------------------------------------------
 
 void Database::autonumberGiven(const std::string& table) {
   if (std::find(autonumbersGiven_.begin(), autonumbersGiven_.end(), table) == autonumbersGiven_.end()) {
@@ -408,7 +303,6 @@ const TableInfo& Database::tableInfo(unsigned oid) {
     ColumnInfo c;
     c.name = PQgetvalue(r.get(), row, 2);
     bool identity = PQgetvalue(r.get(), row, 3)[0] != '\0';
-    c.hasDefault = !identity && PQgetvalue(r.get(), row, 4)[0] == 't';
     if (identity) {
       info.identityColumn = c.name;
       info.identitySequence = PQgetvalue(r.get(), row, 5);
@@ -421,7 +315,6 @@ const TableInfo& Database::tableInfo(unsigned oid) {
 const SelectShape& Database::shapeOf(const std::string& sql, std::string_view shownSql) {
   auto it = shapes_.find(sql);
   if (it != shapes_.end()) return it->second;
-  flush();
   PGconn* c = handle();
   Result prepared(PQprepare(c, "", sql.c_str(), 0, nullptr));
   if (!succeeded(prepared)) fail(prepared, shownSql);

@@ -34,8 +34,7 @@ struct Query {
 };
 
 struct ColumnInfo {
-  std::string name;         // as stored (lower case)
-  bool hasDefault = false;  // a default other than the autonumber
+  std::string name;  // as stored (lower case)
 };
 
 struct TableInfo {
@@ -50,13 +49,6 @@ struct SelectShape {
   std::vector<std::string> fieldNames;  // as stored
   std::vector<std::string> columns;     // the table column of each field, or empty
   unsigned tableOid = 0;
-};
-
-// A row waiting to be written with the next batch.
-struct QueuedRow {
-  const TableInfo* table;
-  std::vector<std::string> columns;
-  std::vector<Param> values;
 };
 
 // The open connection and the state every object on it shares.
@@ -95,19 +87,6 @@ class Database {
   // after a failure gives a PGRES_PIPELINE_ABORTED result.
   std::vector<Result> pipeline(const std::vector<Query>& queries);
 
-  // Rows written in batches: queued while a transaction is open, written
-  // together before any other statement, at commit, or every few thousand.
-  void queue(QueuedRow row);
-  void flush();
-  // Forgets the queued rows (their transaction level is being rolled back).
-  void dropQueued() noexcept {
-    queued_.clear();
-    queuedValues_ = 0;
-  }
-  bool canQueue() const { return false; }
-  // Autonumbers handed out ahead from the table's sequence.
-  int64_t nextIdentity(const TableInfo& table);
-
   const TableInfo& tableInfo(unsigned oid);
   // After a table definition changed: what was read of the tables goes.
   void forgetLayouts() {
@@ -138,23 +117,15 @@ class Database {
   Result exec(const std::string& sql, const std::vector<Param>& params);
   Result runQuery(const Query& q, std::string_view shownSql);
   Result execPrepared(const std::string& name, const std::vector<Param>& params);
-  void writeRowsOneByOne(std::vector<QueuedRow>& rows);
 
   ConnHandle conn_;
   std::string description_;
   std::vector<DbError> errors_;
-  std::vector<QueuedRow> queued_;
-  size_t queuedValues_ = 0;
-  bool flushing_ = false;
   std::unordered_map<unsigned, TableInfo> tables_;
   std::vector<std::string> autonumbersGiven_;
   std::unordered_map<std::string, std::pair<std::string, std::string>> autonumbers_;
   std::unordered_map<std::string, SelectShape> shapes_;
   std::unordered_map<std::string, std::string> prepared_;  // text -> name
-  struct IdBlock {
-    int64_t next = 0, end = 0, size = 8;
-  };
-  std::unordered_map<std::string, IdBlock> ids_;
 };
 
 // Dialect: the legacy SQL text as the engine takes it. Bracketed names

@@ -3,9 +3,10 @@
 //
 // The updatable result set addresses its rows by their physical position
 // (ctid), which every table has, keyed or not; a changed row's new position is
-// read back with the change. A new row is written with its autonumber read
-// back; inside a transaction it is queued instead and written with the next
-// batch, its autonumber taken ahead from the table's sequence.
+// read back with the change. A new row is written at once (a statement
+// prepared once per table and set of columns), its autonumber and every
+// column read back with it, so that a refused row is reported by the
+// update() that wrote it.
 #include <algorithm>
 
 #include "platform/postgres/pg_internal.h"
@@ -102,7 +103,7 @@ class ForwardRecordset final : public Recordset {
 constexpr const char* kCtidName = "kavrel ctid";
 
 struct Row {
-  std::string ctid;  // empty for a row still queued
+  std::string ctid;
   std::vector<Value> values;
   bool deleted = false;
 };
@@ -124,12 +125,6 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
     columns_ = shape.columns;
     pendingValues_.resize(columns_.size());
     pendingSet_.assign(columns_.size(), 0);
-    // Rows can be queued when the database fills no column but the
-    // autonumber (whose value is taken ahead).
-    queueable_ = true;
-    for (const auto& [num, col] : table_->columns) {
-      if (col.hasDefault) queueable_ = false;
-    }
   }
 
   bool eof() override {
@@ -238,7 +233,6 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
     }
     cancelUpdate();
     Row& row = currentRow();
-    locate(row);
     db_->runPrepared("DELETE FROM " + quoteIdentifier(table_->name) + " WHERE ctid = $1::tid", {row.ctid});
     row.deleted = true;
   }
@@ -300,25 +294,6 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
     return currentRow().values[index];
   }
 
-  // The position of a new row that was queued: written first, then found by
-  // the values it was given.
-  void locate(Row& row) {
-    if (!row.ctid.empty()) return;
-    db_->flush();
-    std::string sql = "SELECT ctid FROM " + quoteIdentifier(table_->name) + " WHERE ";
-    std::vector<Param> params;
-    for (size_t i = 0; i < queuedColumns_.size(); ++i) {
-      if (i) sql += " AND ";
-      params.push_back(queuedValues_[i]);
-      sql += quoteIdentifier(queuedColumns_[i]) + " IS NOT DISTINCT FROM $" + std::to_string(params.size());
-    }
-    if (queuedColumns_.empty()) sql += "true";
-    sql += " ORDER BY ctid DESC LIMIT 1";
-    Result r = db_->run(sql, params);
-    if (PQntuples(r.get()) == 0) throwNoCurrentRow();
-    row.ctid = PQgetvalue(r.get(), 0, 0);
-  }
-
   void insertPending() {
     std::vector<std::string> columns;
     std::vector<Param> values;
@@ -331,50 +306,34 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
     added_.values.swap(pendingValues_);
     added_.deleted = false;
     added_.ctid.clear();
-    if (queueable_ && db_->canQueue()) {
-      // Any column the row does not set stays Null, but for the autonumber.
-      const std::string& identity = table_->identityColumn;
-      if (!identity.empty() && std::find(columns.begin(), columns.end(), identity) == columns.end()) {
-        int64_t id = db_->nextIdentity(*table_);
-        columns.push_back(identity);
-        values.push_back(std::to_string(id));
-        for (size_t i = 0; i < columns_.size(); ++i) {
-          if (columns_[i] == identity) added_.values[i] = Value(id);
-        }
-      }
-      queuedColumns_ = columns;
-      queuedValues_ = values;
-      db_->queue({table_, std::move(columns), std::move(values)});
+    const std::string& identity = table_->identityColumn;
+    const bool idGiven = !identity.empty() && std::find(columns.begin(), columns.end(), identity) != columns.end();
+    std::string sql = "INSERT INTO " + quoteIdentifier(table_->name);
+    if (columns.empty()) {
+      sql += " DEFAULT VALUES";
     } else {
-      const std::string& identity = table_->identityColumn;
-      const bool idGiven = !identity.empty() && std::find(columns.begin(), columns.end(), identity) != columns.end();
-      std::string sql = "INSERT INTO " + quoteIdentifier(table_->name);
-      if (columns.empty()) {
-        sql += " DEFAULT VALUES";
-      } else {
-        std::string marks;
-        sql += " (";
-        for (size_t c = 0; c < columns.size(); ++c) {
-          sql += (c ? ", " : "") + quoteIdentifier(columns[c]);
-          marks += (c ? ", $" : "$") + std::to_string(c + 1);
-        }
-        sql += ") VALUES (" + marks + ")";
+      std::string marks;
+      sql += " (";
+      for (size_t c = 0; c < columns.size(); ++c) {
+        sql += (c ? ", " : "") + quoteIdentifier(columns[c]);
+        marks += (c ? ", $" : "$") + std::to_string(c + 1);
       }
-      sql += " RETURNING ctid";
-      for (const std::string& c : columns_) sql += ", " + (c.empty() ? std::string("NULL") : quoteIdentifier(c));
-      Result r;
-      try {
-        r = db_->runPrepared(sql, values);
-      } catch (...) {
-        // The pending row stays for the caller.
-        pendingValues_.swap(added_.values);
-        throw;
-      }
-      added_.ctid = PQgetvalue(r.get(), 0, 0);
-      if (idGiven) db_->autonumberGiven(table_->name);
-      for (size_t i = 0; i < columns_.size(); ++i) {
-        if (!columns_[i].empty()) added_.values[i] = fieldValue(r.get(), 0, static_cast<int>(i) + 1);
-      }
+      sql += ") VALUES (" + marks + ")";
+    }
+    sql += " RETURNING ctid";
+    for (const std::string& c : columns_) sql += ", " + (c.empty() ? std::string("NULL") : quoteIdentifier(c));
+    Result r;
+    try {
+      r = db_->runPrepared(sql, values);
+    } catch (...) {
+      // The pending row stays for the caller.
+      pendingValues_.swap(added_.values);
+      throw;
+    }
+    added_.ctid = PQgetvalue(r.get(), 0, 0);
+    if (idGiven) db_->autonumberGiven(table_->name);
+    for (size_t i = 0; i < columns_.size(); ++i) {
+      if (!columns_[i].empty()) added_.values[i] = fieldValue(r.get(), 0, static_cast<int>(i) + 1);
     }
     pendingValues_.assign(columns_.size(), Value());
     onAdded_ = true;
@@ -384,7 +343,6 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
   void updatePending() {
     Row& row = currentRow();
     if (std::find(pendingSet_.begin(), pendingSet_.end(), 1) != pendingSet_.end()) {
-      locate(row);
       std::string sql = "UPDATE " + quoteIdentifier(table_->name) + " SET ";
       std::vector<Param> params;
       std::vector<std::string> done;
@@ -412,7 +370,6 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
   const TableInfo* table_ = nullptr;
   FieldNames names_;
   std::vector<std::string> columns_;
-  bool queueable_ = false;
 
   bool loaded_ = false;
   std::vector<Row> rows_;
@@ -420,8 +377,6 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
   bool pastEnd_ = false;
   Row added_;
   bool onAdded_ = false;
-  std::vector<std::string> queuedColumns_;
-  std::vector<Param> queuedValues_;
 
   Mode mode_ = Mode::None;
   std::vector<Value> pendingValues_;
