@@ -79,8 +79,9 @@ TEST(ConvertDatabase, OlderLayoutIsReadTargetByTargetAndWrittenThroughTheInserts
     db::Connection& c = *old.conn;
     c.execute("INSERT INTO Fonctions (Address,[Function Name]) VALUES (122,'Freinage'), (123,'Moteur')");
     c.execute("INSERT INTO Protocoles ([Protocol Name],[Init mode],Multipoint) VALUES ('KWP',1,0)");
-    c.execute("INSERT INTO Cibles (Address,[Target Name]) VALUES (122,'ABS ancien'), (123,'Moteur d''hier')");
-    for (int id : {1, 2})
+    c.execute("INSERT INTO Cibles (Address,[Target Name]) VALUES (122,'ABS ancien'), (123,'Moteur d''hier'), "
+              "(124,'Sans fonction')");
+    for (int id : {1, 2, 3})
       c.execute("INSERT INTO [Paramètres UCE] ([Ecu Id],[Init Mode],[Baud Rate],Multipoint,[Little Endian]) VALUES (" +
                 std::to_string(id) + ",0,10400,0,0)");
     c.execute("INSERT INTO Requêtes ([Request Id],Address,[Target Id],[Request Name],[Request Bytes],[Length Datas]) "
@@ -93,9 +94,13 @@ TEST(ConvertDatabase, OlderLayoutIsReadTargetByTargetAndWrittenThroughTheInserts
     convertDatabase(old.path, dir.file("new.db"), [&](const db::TableCopy& t) { lines.push_back(t); });
     ASSERT_EQ(lines.size(), 27u);
     for (const auto& t : lines) {
-      if (t.table == "Cibles" || t.table == "Requêtes") {
-        EXPECT_EQ(t.rowsRead, 2) << t.table;
-        EXPECT_EQ(t.rowsWritten, 2) << t.table;
+      if (t.table == "Requêtes") {
+        EXPECT_EQ(t.rowsRead, 2);
+        EXPECT_EQ(t.rowsWritten, 2);
+      }
+      if (t.table == "Cibles" || t.table == "Fonctions") {
+        EXPECT_EQ(t.rowsRead, t.table == "Cibles" ? 3 : 2) << t.table;
+        EXPECT_EQ(t.rowsWritten, 3) << t.table;  // the target without a function gets one
       }
       if (t.table == "Organes" || t.table == "Type Panne") {
         EXPECT_EQ(t.rowsRead, -1) << t.table;  // not in that layout

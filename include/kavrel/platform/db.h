@@ -207,7 +207,8 @@ std::string_view schemaSql();
 std::vector<std::string> schemaTables();
 
 // One table of a copy: rows read from the source, rows written to the
-// destination.
+// destination (a conversion that does not copy table by table gives -1 as
+// rows read for a table the source does not have).
 struct TableCopy {
   std::string table;
   int64_t rowsRead = 0;

@@ -17,8 +17,9 @@
 //    dbReadTargetAllKVR) and written through the ordinary inserts, so the
 //    targets get new ids. Each TableCopy then gives, per table of the
 //    schema, the rows of the source's table of that name (-1 when the
-//    source has none) and the rows written. Checked: the functions,
-//    protocols, targets and requests written equal the source's rows, and
+//    source has none) and the rows written. Checked: the protocols,
+//    targets and requests written equal the source's rows, no function
+//    row is lost (a target whose address has none gets one), and
 //    each target's requests, data items, data positions and list entries
 //    stored equal those read.
 //  - Any other source gets the identity check's recorded error, thrown:

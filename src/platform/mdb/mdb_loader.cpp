@@ -55,9 +55,20 @@ struct TableDef {
 // The destination column of one column of the file (-1: not loaded).
 struct ColumnMap {
   MdbColumn* col = nullptr;
-  int param = -1;  // 1-based parameter of the insert
-  std::string buffer;
+  int param = -1;  // 1-based column of the insert
 };
+
+// One value read from the file, kept until its batch of rows is inserted.
+struct Cell {
+  enum Type { Null, Integer, Real, Text, Blob } type = Null;
+  int64_t i = 0;
+  double d = 0;
+  std::string s;
+};
+
+// Rows per insert statement (fewer when the engine's limit of parameters
+// in one statement asks for it).
+constexpr size_t kRowsPerBatch = 64;
 
 std::string declaredType(int mdbType) {
   switch (mdbType) {
@@ -266,7 +277,7 @@ class Loader {
     std::vector<std::string> cols = columnsOf(name);
     std::vector<ColumnMap> map(t->num_cols);
     std::string insert = "INSERT INTO " + sq::quoteIdentifier(name) + " (";
-    std::string values;
+    std::string oneRow = "(";
     int params = 0;
     std::set<std::string> used;
     for (unsigned i = 0; i < t->num_cols; ++i) {
@@ -278,15 +289,42 @@ class Loader {
       map[i].param = ++params;
       if (params > 1) {
         insert += ", ";
-        values += ", ";
+        oneRow += ", ";
       }
       insert += sq::quoteIdentifier(*c);
-      values += "?";
+      oneRow += "?";
     }
     if (params == 0) return;
-    insert += ") VALUES (" + values + ")";
-    auto stmt = db_.prepare(insert);
-    sqlite3_stmt* s = stmt->get();
+    insert += ") VALUES ";
+    oneRow += ")";
+    // Rows go in batches, one statement each: the engine's cost per
+    // statement is paid once per batch.
+    const auto maxParameters = static_cast<size_t>(sqlite3_limit(db_.handle(), SQLITE_LIMIT_VARIABLE_NUMBER, -1));
+    const size_t batch =
+        std::max<size_t>(1, std::min<size_t>(kRowsPerBatch, maxParameters / static_cast<size_t>(params)));
+    auto statementFor = [&](size_t rows) {
+      std::string sql = insert;
+      for (size_t r = 0; r < rows; ++r) sql += (r ? ", " : "") + oneRow;
+      return db_.prepare(sql);
+    };
+    std::unique_ptr<sq::Statement> full;
+    std::vector<Cell> cells(batch * static_cast<size_t>(params));
+    size_t pending = 0;
+    auto flush = [&] {
+      if (pending == 0) return;
+      std::unique_ptr<sq::Statement> partial;
+      if (pending == batch && !full) full = statementFor(batch);
+      sq::Statement& st = pending == batch ? *full : *(partial = statementFor(pending));
+      sqlite3_stmt* s = st.get();
+      for (size_t i = 0; i < pending * static_cast<size_t>(params); ++i) bindCell(s, static_cast<int>(i) + 1, cells[i]);
+      int rc = sqlite3_step(s);
+      sqlite3_reset(s);
+      if (rc != SQLITE_DONE) {
+        std::string msg = sqlite3_errmsg(db_.handle());
+        unrecognized(path_, "a row of the table '" + name + "' does not fit the definitions schema: " + msg);
+      }
+      pending = 0;
+    };
 
     std::vector<MdbField> fields(t->num_cols);
     unsigned long rows = 0;
@@ -303,21 +341,19 @@ class Loader {
         if (n < 0 || static_cast<unsigned>(n) < t->num_cols) {
           unrecognized(path_, "a row of the table '" + name + "' cannot be read (damaged file)");
         }
+        Cell* row = &cells[pending * static_cast<size_t>(params)];
+        for (int k = 0; k < params; ++k) row[k].type = Cell::Null;
         for (unsigned k = 0; k < t->num_cols; ++k) {
           const MdbField& f = fields[k];
           if (f.colnum < 0 || static_cast<unsigned>(f.colnum) >= t->num_cols) continue;
-          ColumnMap& m = map[static_cast<size_t>(f.colnum)];
-          if (m.param > 0) bindField(s, m, f, name);
-        }
-        int rc = sqlite3_step(s);
-        sqlite3_reset(s);
-        if (rc != SQLITE_DONE) {
-          std::string msg = sqlite3_errmsg(db_.handle());
-          unrecognized(path_, "a row of the table '" + name + "' does not fit the definitions schema: " + msg);
+          const ColumnMap& m = map[static_cast<size_t>(f.colnum)];
+          if (m.param > 0) readField(row[m.param - 1], m, f, name);
         }
         ++rows;
+        if (++pending == batch) flush();
       }
     }
+    flush();
     // A page that cannot be read ends the walk early: the rows the table's
     // definition counts tell.
     if (rows < t->num_rows) {
@@ -326,31 +362,47 @@ class Loader {
     }
   }
 
-  void bindField(sqlite3_stmt* s, ColumnMap& m, const MdbField& f, const std::string& table) {
+  static void bindCell(sqlite3_stmt* s, int p, const Cell& c) {
+    switch (c.type) {
+      case Cell::Null: sqlite3_bind_null(s, p); return;
+      case Cell::Integer: sqlite3_bind_int64(s, p, c.i); return;
+      case Cell::Real: sqlite3_bind_double(s, p, c.d); return;
+      case Cell::Text: sqlite3_bind_text64(s, p, c.s.data(), c.s.size(), SQLITE_STATIC, SQLITE_UTF8); return;
+      case Cell::Blob: sqlite3_bind_blob64(s, p, c.s.data(), c.s.size(), SQLITE_STATIC); return;
+    }
+  }
+
+  void readField(Cell& c, const ColumnMap& m, const MdbField& f, const std::string& table) {
     MdbHandle* mdb = file_.mdb;
-    const int p = m.param;
     const int type = m.col->col_type;
     // Yes/No lives in the null mask: set means Yes.
     if (type == MDB_BOOL) {
-      sqlite3_bind_int(s, p, f.is_null ? 0 : -1);
+      c.type = Cell::Integer;
+      c.i = f.is_null ? 0 : -1;
       return;
     }
-    if (f.is_null) {
-      sqlite3_bind_null(s, p);
-      return;
-    }
+    if (f.is_null) return;  // Null
     const unsigned char* v = mdb->pg_buf + f.start;
+    auto integer = [&](int64_t i) {
+      c.type = Cell::Integer;
+      c.i = i;
+    };
+    auto real = [&](double d) {
+      c.type = Cell::Real;
+      c.d = d;
+    };
+    c.type = Cell::Text;
     switch (type) {
-      case MDB_BYTE: sqlite3_bind_int(s, p, mdb_get_byte(mdb->pg_buf, f.start)); return;
-      case MDB_INT: sqlite3_bind_int(s, p, static_cast<int16_t>(mdb_get_int16(mdb->pg_buf, f.start))); return;
+      case MDB_BYTE: integer(mdb_get_byte(mdb->pg_buf, f.start)); return;
+      case MDB_INT: integer(static_cast<int16_t>(mdb_get_int16(mdb->pg_buf, f.start))); return;
       case MDB_LONGINT:
-      case MDB_COMPLEX: sqlite3_bind_int(s, p, static_cast<int32_t>(mdb_get_int32(mdb->pg_buf, f.start))); return;
-      case MDB_FLOAT: sqlite3_bind_double(s, p, static_cast<double>(mdb_get_single(mdb->pg_buf, f.start))); return;
-      case MDB_DOUBLE: sqlite3_bind_double(s, p, mdb_get_double(mdb->pg_buf, f.start)); return;
+      case MDB_COMPLEX: integer(static_cast<int32_t>(mdb_get_int32(mdb->pg_buf, f.start))); return;
+      case MDB_FLOAT: real(static_cast<double>(mdb_get_single(mdb->pg_buf, f.start))); return;
+      case MDB_DOUBLE: real(mdb_get_double(mdb->pg_buf, f.start)); return;
       case MDB_MONEY: {
         int64_t units = 0;
         std::memcpy(&units, v, sizeof units);  // little-endian, like the file
-        sqlite3_bind_double(s, p, static_cast<double>(units) / 10000.0);
+        real(static_cast<double>(units) / 10000.0);
         return;
       }
       case MDB_DATETIME: {
@@ -359,48 +411,50 @@ class Loader {
         char buf[64];
         std::snprintf(buf, sizeof buf, "%04d-%02d-%02d %02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
                       tm.tm_hour, tm.tm_min, tm.tm_sec);
-        m.buffer = buf;
-        break;
+        c.s = buf;
+        return;
       }
       case MDB_TEXT: {
         if (f.siz == 0) {
-          m.buffer.clear();
-          break;
+          c.s.clear();
+          return;
         }
-        m.buffer.resize(static_cast<size_t>(f.siz) * 2 + 16);
-        int n = mdb_unicode2ascii(mdb, reinterpret_cast<const char*>(v), static_cast<size_t>(f.siz), m.buffer.data(),
-                                  m.buffer.size());
-        m.buffer.resize(static_cast<size_t>(std::max(n, 0)));
-        break;
+        c.s.resize(static_cast<size_t>(f.siz) * 2 + 16);
+        int n = mdb_unicode2ascii(mdb, reinterpret_cast<const char*>(v), static_cast<size_t>(f.siz), c.s.data(),
+                                  c.s.size());
+        c.s.resize(static_cast<size_t>(std::max(n, 0)));
+        return;
       }
-      case MDB_MEMO: readMemo(m, f, table); break;
-      case MDB_BINARY: sqlite3_bind_blob(s, p, v, f.siz, SQLITE_STATIC); return;
-      case MDB_OLE: sqlite3_bind_null(s, p); return;
+      case MDB_MEMO: readMemo(c.s, f, table); return;
+      case MDB_BINARY:
+        c.type = Cell::Blob;
+        c.s.assign(reinterpret_cast<const char*>(v), static_cast<size_t>(f.siz));
+        return;
+      case MDB_OLE: c.type = Cell::Null; return;
       case MDB_NUMERIC: {
         char* text = mdb_numeric_to_string(mdb, f.start, m.col->col_scale, m.col->col_prec);
-        m.buffer = text ? text : "";
+        c.s = text ? text : "";
         g_free(text);
-        break;
+        return;
       }
       default: {
         char* text = mdb_col_to_string(mdb, mdb->pg_buf, f.start, type, f.siz);
-        m.buffer = text ? text : "";
+        c.s = text ? text : "";
         g_free(text);
-        break;
+        return;
       }
     }
-    sqlite3_bind_text64(s, p, m.buffer.data(), m.buffer.size(), SQLITE_STATIC, SQLITE_UTF8);
   }
 
-  void readMemo(ColumnMap& m, const MdbField& f, const std::string& table) {
+  void readMemo(std::string& out, const MdbField& f, const std::string& table) {
     MdbHandle* mdb = file_.mdb;
     if (static_cast<size_t>(f.siz) < kMemoOverhead) {
-      m.buffer.clear();
+      out.clear();
       return;
     }
     uint32_t length = static_cast<uint32_t>(mdb_get_int32(mdb->pg_buf, f.start)) & kMemoLengthMask;
     if (length == 0) {
-      m.buffer.clear();
+      out.clear();
       return;
     }
     // The library writes a Memo's text into a buffer of its bind size: make
@@ -409,9 +463,9 @@ class Loader {
     mdb_set_bind_size(mdb, std::max(needed, defaultBindSize_));
     char* text = mdb_col_to_string(mdb, mdb->pg_buf, f.start, MDB_MEMO, f.siz);
     mdb_set_bind_size(mdb, defaultBindSize_);
-    m.buffer = text ? text : "";
+    out = text ? text : "";
     g_free(text);
-    if (m.buffer.empty()) {
+    if (out.empty()) {
       unrecognized(path_, "a Memo text of the table '" + table + "' cannot be read (the file is truncated or damaged)");
     }
   }
