@@ -11,7 +11,7 @@
 // synthetic document is written by a child process beforehand, so that the
 // import and its floor both start on memory the process has not touched.
 //
-// Usage: kavrel_bench [S|M|L|all|legacy] [--work DIR] [--repeat N] [--markdown]
+// Usage: kavrel_bench [S|M|L|all|legacy|postgres] [--work DIR] [--repeat N] [--markdown] [--server URI]
 //        kavrel_bench big [--mb N] [--work DIR]
 //   big          imports and stores (as `kavrel import` does) two documents
 //                of about N MB (default 200) and a quarter of that, each in
@@ -20,6 +20,7 @@
 //                memory per byte of document (the bound is 4 plus a
 //                constant), and the time growth from N/4 to N (4 is linear)
 //   legacy       the legacy Access file phase (legacy_bench.cpp) alone
+//   postgres     insert and read on the PostgreSQL engine (postgres_bench.cpp)
 //   all          every size, then the table (ratios, growth, peak memory)
 //   --repeat N   (with all) runs each size N times, each in a fresh process,
 //                and keeps the best time of each phase and of each floor:
@@ -50,6 +51,7 @@
 namespace fs = std::filesystem;
 namespace kavrel::bench {
 int runLegacy(const fs::path& work, int repeat, bool markdown);  // legacy_bench.cpp
+int runPostgres(const fs::path& work, int repeat, bool markdown, std::string server);  // postgres_bench.cpp
 }
 using Clock = std::chrono::steady_clock;
 
@@ -417,6 +419,7 @@ int main(int argc, char** argv) {
   int repeat = 1;
   bool markdown = false;
   size_t bigMegabytes = 200;
+  std::string server;  // postgres: the server's URI
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     if (a == "--work" && i + 1 < argc) work = argv[++i];
@@ -424,9 +427,10 @@ int main(int argc, char** argv) {
     else if (a == "big") which = a;
     else if (a == "--repeat" && i + 1 < argc) repeat = std::max(1, std::atoi(argv[++i]));
     else if (a == "--markdown") markdown = true;
-    else if (a == "S" || a == "M" || a == "L" || a == "all" || a == "legacy") which = a;
+    else if (a == "--server" && i + 1 < argc) server = argv[++i];
+    else if (a == "S" || a == "M" || a == "L" || a == "all" || a == "legacy" || a == "postgres") which = a;
     else {
-      std::fprintf(stderr, "usage: kavrel_bench [S|M|L|all|legacy] [--work DIR] [--repeat N] [--markdown]\n"
+      std::fprintf(stderr, "usage: kavrel_bench [S|M|L|all|legacy|postgres] [--work DIR] [--repeat N] [--markdown] [--server URI]\n"
                            "       kavrel_bench big [--mb N] [--work DIR]\n");
       return 2;
     }
@@ -436,6 +440,7 @@ int main(int argc, char** argv) {
   std::map<std::string, kavrel::bench::SyntheticSize> sizes = {
       {"S", s}, {"M", kavrel::bench::scaled(s, 10, "M")}, {"L", kavrel::bench::scaled(s, 30, "L")}};
   if (which == "legacy") return kavrel::bench::runLegacy(work, repeat, markdown);
+  if (which == "postgres") return kavrel::bench::runPostgres(work, repeat, markdown, server);
   if (which != "all") return runSize(sizes[which], work);
 
   // Each size in its own process; collect its lines.

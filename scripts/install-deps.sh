@@ -3,7 +3,8 @@
 # Extra package names given as arguments are installed too (scripts/fuzz.sh).
 set -euo pipefail
 
-packages=(g++ cmake make ccache libsqlite3-dev libpugixml-dev libgtest-dev libcli11-dev libbenchmark-dev libicu-dev pkg-config mdbtools-dev libmdb3 "$@")
+packages=(g++ cmake make ccache libsqlite3-dev libpugixml-dev libgtest-dev libcli11-dev libbenchmark-dev libicu-dev
+  pkg-config libpq-dev postgresql mdbtools-dev libmdb3 "$@")
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then

@@ -16,6 +16,7 @@
 
 #include "kavrel/platform/text.h"
 #include "platform/mdb/mdb_backend.h"
+#include "platform/postgres/pg_backend.h"
 #include "platform/sqlite/sqlite_backend.h"
 
 namespace kavrel::db {
@@ -269,7 +270,7 @@ bool isKnownKey(const std::string& key) {
   for (const char* k : kKeys) {
     if (key == k) return true;
   }
-  return key.rfind("jet oledb:", 0) == 0;
+  return key.rfind("jet oledb:", 0) == 0 || postgres::isKey(key);
 }
 
 std::string utf16ToUtf8(std::string_view bytes, bool littleEndian) {
@@ -358,6 +359,8 @@ std::shared_ptr<Connection> openFrom(std::string_view connectionString, const st
   std::string_view cs = trimBlanks(connectionString);
   if (cs.empty()) connectionError(kErrBadConnectionString, "The connection string is empty");
 
+  if (postgres::isUri(cs)) return postgres::openDatabase(std::string(cs), postgres::redact(description));
+
   std::vector<std::pair<std::string, std::string>> pairs;
   bool keyed = cs.find('=') != std::string_view::npos && parsePairs(cs, pairs) && !pairs.empty() &&
                isKnownKey(pairs.front().first);
@@ -387,6 +390,9 @@ std::shared_ptr<Connection> openFrom(std::string_view connectionString, const st
     return openFrom(readDataLink(link), description, depth + 1, std::filesystem::path(link).parent_path());
   }
 
+  if (postgres::isProvider(provider)) {
+    return postgres::openDatabase(postgres::conninfoFromPairs(pairs), postgres::redact(description));
+  }
   std::string lowered = asciiLowered(provider);
   if (lowered.rfind("microsoft.jet.oledb", 0) == 0 || lowered.rfind("microsoft.ace.oledb", 0) == 0) {
     // Legacy Access files are read (read-only) whatever their name.
@@ -411,10 +417,57 @@ std::shared_ptr<Connection> openConnection(std::string_view connectionString) {
   return openFrom(connectionString, std::string(trimBlanks(connectionString)), 0, {});
 }
 
+namespace {
+
+// The server connection text a connection string names, or empty when it
+// names a file (followed through data-link files).
+std::string serverTarget(std::string_view cs, int depth, const std::filesystem::path& baseDir) {
+  cs = trimBlanks(cs);
+  if (postgres::isUri(cs)) return std::string(cs);
+  std::vector<std::pair<std::string, std::string>> pairs;
+  if (cs.find('=') == std::string_view::npos || !parsePairs(cs, pairs) || pairs.empty() ||
+      !isKnownKey(pairs.front().first)) {
+    return {};
+  }
+  for (auto& [key, value] : pairs) {
+    if (key == "provider" && postgres::isProvider(value)) return postgres::conninfoFromPairs(pairs);
+    if (key == "file name" && depth < kMaxLinkDepth) {
+      std::filesystem::path link(value);
+      if (link.is_relative() && !baseDir.empty()) link = baseDir / link;
+      return serverTarget(readDataLink(link.string()), depth + 1, link.parent_path());
+    }
+  }
+  return {};
+}
+
+}  // namespace
+
 void createDatabase(const std::string& path) {
+  const std::string_view versionRow = "INSERT INTO [system] ([parameter], [value]) VALUES ('version', '4');";
+  std::string server = serverTarget(path, 0, {});
+  if (std::string_view(path).substr(path.size() >= 4 ? path.size() - 4 : 0) == ".udl" && server.empty()) {
+    server = serverTarget("File name=" + path, 0, {});
+  }
+  if (!server.empty()) {
+    postgres::createDatabase(server, postgres::redact(path), detail::kSchemaSql, versionRow);
+    return;
+  }
   std::string script(detail::kSchemaSql);
-  script += "\nINSERT INTO [system] ([parameter], [value]) VALUES ('version', '4');\n";
+  script += "\n";
+  script.append(versionRow);
+  script += "\n";
   sqlite::createDatabase(path, script);
+}
+
+void removeDatabase(const std::string& path) {
+  std::string server = serverTarget(path, 0, {});
+  if (!server.empty()) {
+    postgres::removeSchema(server, postgres::redact(path), schemaTables());
+    return;
+  }
+  std::error_code ec;
+  std::filesystem::remove(std::filesystem::u8path(path), ec);
+  std::filesystem::remove(std::filesystem::u8path(path + "-journal"), ec);
 }
 
 std::string_view schemaSql() { return detail::kSchemaSql; }

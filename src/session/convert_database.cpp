@@ -174,8 +174,11 @@ std::vector<db::TableCopy> convertDatabase(const std::string& source, const std:
       } catch (...) {
       }
     }
-    fs::remove(fs::u8path(destination), ec);
-    fs::remove(fs::u8path(destination + "-journal"), ec);
+    try {
+      db::removeDatabase(destination);
+    } catch (...) {
+      // The first failure is the one to report.
+    }
     throw;
   }
   src->DbClose();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "kavrel/kavrel.h"
+#include "support/engines.h"
 #include "support/checks.h"
 #include "support/temp_db.h"
 
@@ -20,7 +21,9 @@ std::string describe(const FunctionItems& f) {
   return s;
 }
 
-TEST(FunctionItemsDb, NullIdsUpdatesKeyRefusalAndAllOrNothingInsert) {
+class FunctionItemsDb : public ::kavrel::test::EngineTest {};
+
+TEST_P(FunctionItemsDb, NullIdsUpdatesKeyRefusalAndAllOrNothingInsert) {
   test::TempDb tdb;
   auto conn = tdb.connection();
   auto count = [&](const std::string& sql) { return conn->execute(sql)->field(0).toInt64(); };
@@ -103,6 +106,8 @@ TEST(FunctionItemsXml, CanIdsAsValueAndExtendedFlagRoundTripAndBadEntries) {
   EXPECT_EQ(lastError().number, kErrTypeMismatch);
   EXPECT_TRUE(test::contains(lastError().description, "douze"));
 }
+
+KAVREL_ON_ENGINES(FunctionItemsDb);
 
 }  // namespace
 }  // namespace kavrel

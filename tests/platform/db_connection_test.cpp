@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "support/engines.h"
 #include "support/checks.h"
 #include "support/temp_db.h"
 
@@ -89,7 +90,7 @@ TEST(DbConnection, DataLinkFilesInUtf16AndUtf8) {
   EXPECT_TRUE(refusedNaming("File name=" + dir.file("huge.udl"), "too large"));
 }
 
-class TransactionTest : public ::testing::Test {
+class TransactionTest : public EngineTest {
  protected:
   void SetUp() override { conn->execute("CREATE TABLE t (v INTEGER)"); }
   int64_t rows() { return conn->execute("SELECT count(*) FROM t")->field(0).toInt64(); }
@@ -98,7 +99,7 @@ class TransactionTest : public ::testing::Test {
   std::shared_ptr<db::Connection> conn = db.connection();
 };
 
-TEST_F(TransactionTest, NestedLevelsCommitAndRollBackApart) {
+TEST_P(TransactionTest, NestedLevelsCommitAndRollBackApart) {
   add(0);  // outside a transaction a statement stands at once
   EXPECT_EQ(db.openAnother()->execute("SELECT count(*) FROM t")->field(0).toInt64(), 1);
   {
@@ -130,7 +131,7 @@ TEST_F(TransactionTest, NestedLevelsCommitAndRollBackApart) {
   EXPECT_THROW(conn->rollback(), DbError);
 }
 
-TEST_F(TransactionTest, ASecondWriterWaitsInsteadOfFailing) {
+TEST_P(TransactionTest, ASecondWriterWaitsInsteadOfFailing) {
   auto other = db.openAnother();
   conn->begin();
   add(1);
@@ -150,6 +151,8 @@ TEST_F(TransactionTest, ASecondWriterWaitsInsteadOfFailing) {
   if (failure) std::rethrow_exception(failure);
   EXPECT_EQ(rows(), 2);
 }
+
+KAVREL_ON_ENGINES(TransactionTest);
 
 }  // namespace
 }  // namespace kavrel::test

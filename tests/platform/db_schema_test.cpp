@@ -5,6 +5,7 @@
 #include <map>
 
 #include "kavrel/platform/text.h"
+#include "support/engines.h"
 #include "support/checks.h"
 #include "support/temp_db.h"
 
@@ -37,9 +38,13 @@ SampleTarget addSampleTarget(db::Connection& c, int64_t address, const std::stri
       {"$regime", "(SELECT [Data Id] FROM Données WHERE [Target Id]=$t AND [Data Name]='Régime')"},
       {"$a", id(address)}, {"$t", t}};
   for (std::string sql : {
-           "INSERT OR IGNORE INTO [Type Panne] VALUES (0, 'Ne contient pas de pannes')",
-           "INSERT OR IGNORE INTO [Type Organe] VALUES (1, 'Entrée')",
-           "INSERT OR IGNORE INTO Fonctions VALUES ($a, 'Fonction $a', NULL, NULL)",
+           // Plain SQL both engines take ("insert unless there").
+           "INSERT INTO [Type Panne] SELECT 0, 'Ne contient pas de pannes' WHERE NOT EXISTS "
+           "(SELECT 1 FROM [Type Panne] WHERE [Type Panne Id]=0)",
+           "INSERT INTO [Type Organe] SELECT 1, 'Entrée' WHERE NOT EXISTS (SELECT 1 FROM [Type Organe] "
+           "WHERE [Type Organe Id]=1)",
+           "INSERT INTO Fonctions SELECT $a, 'Fonction $a', NULL, NULL WHERE NOT EXISTS (SELECT 1 FROM Fonctions "
+           "WHERE Address=$a)",
            "INSERT INTO [Appartenance cible] VALUES ($a, $t, $a, $t)",
            "INSERT INTO [Paramètres UCE] ([Ecu Id], Comment, [Type Panne Id]) VALUES ($t, 'essai', 0)",
            "INSERT INTO Identification VALUES ($a, $t, 1, NULL, 'SUP', 'Logiciel', 'V1', 'Français')",
@@ -71,7 +76,7 @@ SampleTarget addSampleTarget(db::Connection& c, int64_t address, const std::stri
     c.execute(sql);
   }
   tx.commit();
-  auto of = [&](const std::string& column, const std::string& table, const std::string& where = "1") {
+  auto of = [&](const std::string& column, const std::string& table, const std::string& where = "1=1") {
     auto rs = c.execute("SELECT max(" + column + ") FROM " + table + " WHERE [Target Id]=" + t + " AND " + where);
     return rs->field(0).toInt64();
   };
@@ -105,7 +110,7 @@ void expectRefused(db::Connection& c, const std::string& sql) {
   }
 }
 
-class SchemaTest : public ::testing::Test {
+class SchemaTest : public EngineTest {
  protected:
   void SetUp() override {
     conn = db.connection();
@@ -113,7 +118,7 @@ class SchemaTest : public ::testing::Test {
     b = addSampleTarget(*conn, 64, "Injection");
   }
   // Rows of target a in `table` where `condition` holds.
-  int64_t rowsOfA(const std::string& table, const std::string& condition = "1") {
+  int64_t rowsOfA(const std::string& table, const std::string& condition = "1=1") {
     return countRows(*conn, table + " WHERE [Target Id]=" + id(a.targetId) + " AND " + condition);
   }
   TempDb db;
@@ -121,7 +126,7 @@ class SchemaTest : public ::testing::Test {
   SampleTarget a, b;
 };
 
-TEST_F(SchemaTest, DeletingATargetRemovesAllItHoldsInOneDeferredTransaction) {
+TEST_P(SchemaTest, DeletingATargetRemovesAllItHoldsInOneDeferredTransaction) {
   const std::string tid = id(a.targetId), categories = "DELETE * FROM Catégories WHERE [Target Id]=" + tid;
   // Alone, deleting the categories is refused: they still have screens; a
   // deferred delete that leaves them orphans fails at commit and rolls back.
@@ -155,7 +160,7 @@ TEST_F(SchemaTest, DeletingATargetRemovesAllItHoldsInOneDeferredTransaction) {
   for (const auto& [table, rows] : counts(*conn)) EXPECT_EQ(rows, 0) << table;
 }
 
-TEST_F(SchemaTest, RowsOthersDependOnCannotBeDeleted) {
+TEST_P(SchemaTest, RowsOthersDependOnCannotBeDeleted) {
   const std::string tid = id(a.targetId), bid = id(b.targetId);
   const std::string screen = "DELETE FROM Ecrans WHERE [Screen Id]=" + id(a.screenId);
   const std::string bPos = "DELETE FROM [Emplacement Donnée] WHERE [Target Id]=" + bid + " AND [Data Name]='Régime'";
@@ -203,7 +208,7 @@ TEST_F(SchemaTest, RowsOthersDependOnCannotBeDeleted) {
   }
 }
 
-TEST_F(SchemaTest, DeletingAParentRemovesWhatBelongsToIt) {
+TEST_P(SchemaTest, DeletingAParentRemovesWhatBelongsToIt) {
   const std::string tid = id(a.targetId);
   // The data item: its list, sheet, positions and reference position go
   // (once the display showing it is deleted, as the data item's delete does).
@@ -229,7 +234,7 @@ TEST_F(SchemaTest, DeletingAParentRemovesWhatBelongsToIt) {
   EXPECT_EQ(countRows(*conn, "Scenarios"), 1);
 }
 
-TEST_F(SchemaTest, NamesAreUniqueInTheirScope) {
+TEST_P(SchemaTest, NamesAreUniqueInTheirScope) {
   const std::string tid = id(a.targetId);
   for (const std::string& sql : {
            "INSERT INTO Requêtes (Address, [Target Id], [Request Name]) VALUES (122, " + tid + ", 'Ecriture')",
@@ -261,7 +266,7 @@ TEST_F(SchemaTest, NamesAreUniqueInTheirScope) {
   EXPECT_EQ(rowsOfA("Identification"), 2);
 }
 
-TEST_F(SchemaTest, RenamesAreCarriedIntoEveryRowThatNamesTheParent) {
+TEST_P(SchemaTest, RenamesAreCarriedIntoEveryRowThatNamesTheParent) {
   struct Carried {
     const char* table;
     int64_t rows;
@@ -286,7 +291,7 @@ TEST_F(SchemaTest, RenamesAreCarriedIntoEveryRowThatNamesTheParent) {
   EXPECT_EQ(countRows(*conn, "Données_Aff WHERE [Request Name]='Lecture état'"), 1);
 }
 
-TEST_F(SchemaTest, LengthLimitsCountCharactersAndKeysWithoutRelations) {
+TEST_P(SchemaTest, LengthLimitsCountCharactersAndKeysWithoutRelations) {
   const std::string tid = id(a.targetId);
   // Each column's limit is accepted in characters (non-ASCII ones are two
   // bytes) and one more is refused.
@@ -330,7 +335,7 @@ int64_t run(db::Connection& c, const std::string& sql) {
   return n;
 }
 
-TEST_F(SchemaTest, DeleteStarIsAdaptedAndATextHoldsOneStatementOnly) {
+TEST_P(SchemaTest, DeleteStarIsAdaptedAndATextHoldsOneStatementOnly) {
   EXPECT_EQ(run(*conn, "  delete *  from [Fiches Diag] WHERE [Data Id] =" + id(a.regimeId)), 0);
   EXPECT_EQ(conn->recordsAffected(), 1);
   EXPECT_EQ(run(*conn, "DeLeTe\t*\nFrom\tListes WHERE [Data Id]=" + id(a.regimeId)), 0);
@@ -354,6 +359,8 @@ TEST_F(SchemaTest, DeleteStarIsAdaptedAndATextHoldsOneStatementOnly) {
                DbError);
   EXPECT_EQ(countRows(*conn, "Seuils"), before);
 }
+
+KAVREL_ON_ENGINES(SchemaTest);
 
 }  // namespace
 }  // namespace kavrel::test

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "kavrel/kavrel.h"
+#include "support/engines.h"
 #include "support/checks.h"
 #include "support/older_layout.h"
 #include "support/request_fixture.h"
@@ -55,14 +56,14 @@ void addEveryKind(DataItems& datas, const std::shared_ptr<TargetItem>& parent) {
   for (const auto& d : datas) d->setParent(parent);
 }
 
-class DataDb : public ::testing::Test {
+class DataDb : public ::kavrel::test::EngineTest {
  protected:
   std::string text(const std::string& sql) { return t.value(sql).toText(); }
   test::StoredTarget t;
   std::shared_ptr<DataItems> datas = t.target->datas();
 };
 
-TEST_F(DataDb, WholeTargetReadGivesBackWhatWasInserted) {
+TEST_P(DataDb, WholeTargetReadGivesBackWhatWasInserted) {
   addEveryKind(*datas, t.target);
   datas->DbInsertAll(t.conn());
   EXPECT_TRUE(defaultHost()->messageBoxes().empty());
@@ -96,7 +97,7 @@ TEST_F(DataDb, WholeTargetReadGivesBackWhatWasInserted) {
   EXPECT_EQ(describe(*scaled), describe(*datas->Item(1)));
 }
 
-TEST_F(DataDb, ItemMethodsWriteTheirRowsAndRefuse) {
+TEST_P(DataDb, ItemMethodsWriteTheirRowsAndRefuse) {
   auto d = t.addData("Vitesse", false);
   d->setFiche("fiche");
   d->setListe(true);
@@ -111,7 +112,7 @@ TEST_F(DataDb, ItemMethodsWriteTheirRowsAndRefuse) {
   d->setUnite("");
   d->dbUpdate(t.conn());
   EXPECT_FALSE(lastError().pending());
-  EXPECT_EQ(text("SELECT Numérique || ' ' || Signé || ' ' || Liste || ' ' || ifnull(Unité, 'null') FROM Données" +
+  EXPECT_EQ(text("SELECT Numérique || ' ' || Signé || ' ' || Liste || ' ' || coalesce(Unité, 'null') FROM Données" +
                  where),
             "1 1 -1 null");
   // dbUpdateAll rewrites the list whole and deletes an emptied sheet.
@@ -119,7 +120,7 @@ TEST_F(DataDb, ItemMethodsWriteTheirRowsAndRefuse) {
   d->DataListes()->Add(2)->setParent(d);
   d->setFiche("");
   d->dbUpdateAll(t.conn());
-  EXPECT_EQ(text("SELECT group_concat(Valeur) FROM Listes" + where), "2");
+  EXPECT_EQ(test::joinedRows(t.conn(), "SELECT Valeur FROM Listes" + where), "2");
   EXPECT_EQ(t.count("SELECT count(*) FROM [Fiches Diag]" + where), 0);
   // A sheet with text and no row is inserted, then rewritten; dbReadFiche
   // leaves the text alone when there is no row.
@@ -161,7 +162,7 @@ TEST_F(DataDb, ItemMethodsWriteTheirRowsAndRefuse) {
   EXPECT_EQ(d->parent(), nullptr);
 }
 
-TEST_F(DataDb, DeleteTakesDisplaysAlongAndReportsRefusals) {
+TEST_P(DataDb, DeleteTakesDisplaysAlongAndReportsRefusals) {
   auto d = t.addData("l'avance");
   t.conn().execute("INSERT INTO Requêtes ([Target Id], Address, [Request Name]) VALUES (" + t.tid() + ", 122, 'Req')");
   t.conn().execute("INSERT INTO [Emplacement Donnée] (Address, [Target Id], [Request Name], [Data Name]) "
@@ -187,7 +188,7 @@ TEST_F(DataDb, DeleteTakesDisplaysAlongAndReportsRefusals) {
   EXPECT_EQ(t.count("SELECT count(*) FROM Données"), 1);
 }
 
-TEST_F(DataDb, BulkInsertShortensLongLabelsSkipsDuplicateValuesAndPassesRefusedItems) {
+TEST_P(DataDb, BulkInsertShortensLongLabelsSkipsDuplicateValuesAndPassesRefusedItems) {
   auto d = t.addData("Etat", false);
   d->setListe(true);
   const std::string longLabel(75, 'x');
@@ -202,8 +203,8 @@ TEST_F(DataDb, BulkInsertShortensLongLabelsSkipsDuplicateValuesAndPassesRefusedI
   ASSERT_EQ(boxes.size(), 2u);
   EXPECT_EQ(boxes[0].text, "Libellé trop long pour la base mdb\r\n10 = " + longLabel);
   EXPECT_EQ(boxes[1].text, "Erreur de doublon 3 = encore trois");
-  EXPECT_EQ(text("SELECT group_concat(v, ';') FROM (SELECT Valeur || '=' || Libellé AS v FROM Listes WHERE "
-                 "[Data Id]=" + std::to_string(d->id()) + " ORDER BY Valeur)"),
+  EXPECT_EQ(test::joinedRows(t.conn(), "SELECT Valeur || '=' || Libellé AS v FROM Listes WHERE "
+                 "[Data Id]=" + std::to_string(d->id()) + " ORDER BY Valeur", ";"),
             "3=trois;4=quatre;10=" + std::string(65, 'x') + " 000A");
   EXPECT_GT(next->id(), 0);
   // A refused item (a name equal but for letter case) is logged and thrown
@@ -282,7 +283,9 @@ TEST(DataItemXml, LoadingEdgeCases) {
 
 // ---- older layout
 
-TEST(DataItemsOlderLayout, ReadCorrectsPercentagesDerivesBitsAndKeepsDuplicates) {
+class DataItemsOlderLayout : public ::kavrel::test::EngineTest {};
+
+TEST_P(DataItemsOlderLayout, ReadCorrectsPercentagesDerivesBitsAndKeepsDuplicates) {
   test::OlderLayoutDb old;
   old.conn->execute("INSERT INTO Cibles (Address, [Target Name]) VALUES (122, 'ABS')");
   // Name, numeric, list, param, length, high bit, low bit, mask, unit, a, b, c, bits.
@@ -326,6 +329,9 @@ TEST(DataItemsOlderLayout, ReadCorrectsPercentagesDerivesBitsAndKeepsDuplicates)
   EXPECT_EQ(warnings, (W{{kind, "data : Charge Unit = '%'(2 * X + 5) / 100 change to (2 * X + 5) / 1"},
                          {kind, "Inverse - lNumBitFort (0) < lNumBitFaible (2) : length=1"}}));
 }
+
+KAVREL_ON_ENGINES(DataDb);
+KAVREL_ON_ENGINES(DataItemsOlderLayout);
 
 }  // namespace
 }  // namespace kavrel

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "kavrel/kavrel.h"
+#include "support/engines.h"
 #include "support/request_fixture.h"
 
 namespace kavrel {
@@ -30,7 +31,9 @@ TEST(DataListeItems, LookupsAndChangeMarks) {
   EXPECT_TRUE(list.ValueChanged());
 }
 
-TEST(DataListeItemsDb, RowsFollowTheirFourColumnIdentity) {
+class DataListeItemsDb : public ::kavrel::test::EngineTest {};
+
+TEST_P(DataListeItemsDb, RowsFollowTheirFourColumnIdentity) {
   test::StoredTarget t;
   db::Connection& conn = t.conn();
   auto data = t.addData("Etat", false);
@@ -112,6 +115,8 @@ TEST(DataListeItemsXml, WritesInfoAsCDataAndKeepsBadEntries) {
   EXPECT_EQ(lastError().number, 1);
   EXPECT_EQ(lastError().description, "Type mismatch");
 }
+
+KAVREL_ON_ENGINES(DataListeItemsDb);
 
 }  // namespace
 }  // namespace kavrel

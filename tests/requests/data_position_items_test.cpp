@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "requests/position_support.h"
+#include "support/engines.h"
 #include "support/checks.h"
 #include "support/older_layout.h"
 #include "support/request_fixture.h"
@@ -13,7 +14,9 @@ namespace {
 using test::addPosition;
 using test::describe;
 
-TEST(DataPositionDb, LinkToDataReferenceUpdateAndDelete) {
+class DataPositionDb : public ::kavrel::test::EngineTest {};
+
+TEST_P(DataPositionDb, LinkToDataReferenceUpdateAndDelete) {
   test::StoredTarget t;
   auto d = t.addData("Temp d'eau");
   auto p = addPosition(t.addRequest("Lire"), "TEMP D'EAU");
@@ -68,7 +71,7 @@ TEST(DataPositionDb, LinkToDataReferenceUpdateAndDelete) {
   a->setLittleEndian(true);
   a->setParam(true);
   a->dbUpdate(t.conn());
-  EXPECT_EQ(t.count("SELECT StartOctet*1000 + StartBit*100 + ([Little Endian]=-1)*10 + (Param=-1) "
+  EXPECT_EQ(t.count("SELECT StartOctet*1000 + StartBit*100 + -[Little Endian]*10 + -Param "
                     "FROM [Emplacement Donnée] WHERE [Request Name]='Req ''A'''"),
             7311);
   EXPECT_EQ(rows("Req B"), 1);
@@ -135,7 +138,9 @@ TEST(DataPositionXml, EndianAgainstTheTargetDefaultAndLongOrMissingNames) {
 
 // ---------------------------------------------------------------- older layout
 
-TEST(OlderLayoutPlacement, WorkedExamples) {
+class OlderLayoutPlacement : public ::kavrel::test::EngineTest {};
+
+TEST_P(OlderLayoutPlacement, WorkedExamples) {
   struct Case {
     std::optional<int32_t> start, length, mask, fort, faible;
     bool numeric;
@@ -159,7 +164,9 @@ TEST(OlderLayoutPlacement, WorkedExamples) {
   }
 }
 
-TEST(OlderLayout, RequestsAndPositionsAndTheWarningForMissingData) {
+class OlderLayout : public ::kavrel::test::EngineTest {};
+
+TEST_P(OlderLayout, RequestsAndPositionsAndTheWarningForMissingData) {
   test::OlderLayoutDb old;
   db::Connection& conn = *old.conn;
   conn.execute("INSERT INTO Cibles (Address, [Target Name]) VALUES (122, 'ABS')");
@@ -225,6 +232,10 @@ TEST(OlderLayout, RequestsAndPositionsAndTheWarningForMissingData) {
     target->clear();
   }
 }
+
+KAVREL_ON_ENGINES(DataPositionDb);
+KAVREL_ON_ENGINES(OlderLayout);
+KAVREL_ON_ENGINES(OlderLayoutPlacement);
 
 }  // namespace
 }  // namespace kavrel

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "kavrel/kavrel.h"
+#include "support/engines.h"
 #include "support/checks.h"
 #include "support/request_fixture.h"
 
@@ -12,7 +13,7 @@ namespace {
 using test::addPosition;
 using test::describe;
 
-class RequestDbTest : public ::testing::Test {
+class RequestDbTest : public ::kavrel::test::EngineTest {
  protected:
   // "Lecture 'x'" with every property away from its default and two
   // positions (one a parameter, one the reference of its data), and "Ident".
@@ -50,7 +51,7 @@ class RequestDbTest : public ::testing::Test {
   test::StoredTarget t;
 };
 
-TEST_F(RequestDbTest, WholeTargetReadEqualsWhatWasInsertedAndUpdateWritesAllButTheName) {
+TEST_P(RequestDbTest, WholeTargetReadEqualsWhatWasInsertedAndUpdateWritesAllButTheName) {
   EXPECT_FALSE(lastError().pending()) << lastError().description;
   auto back = readBack();
   auto& reqs = *back->Requests();
@@ -81,7 +82,7 @@ TEST_F(RequestDbTest, WholeTargetReadEqualsWhatWasInsertedAndUpdateWritesAllButT
   EXPECT_EQ(describe(*readBack()->Requests()->Item(1)), "Ident|'22 F1 90'|null|1|0|00111010|VIN");
 }
 
-TEST_F(RequestDbTest, RenameCarriesPositionsAndRefusesADuplicate) {
+TEST_P(RequestDbTest, RenameCarriesPositionsAndRefusesADuplicate) {
   auto r = t.target->Requests()->Item(1);
   r->dbRename(t.conn(), "Lecture 'y'");
   EXPECT_EQ(r->requestName(), "Lecture 'y'");
@@ -94,7 +95,7 @@ TEST_F(RequestDbTest, RenameCarriesPositionsAndRefusesADuplicate) {
   EXPECT_EQ(t.count("SELECT count(*) FROM Requêtes WHERE [Request Name]='Ident'"), 1);
 }
 
-TEST_F(RequestDbTest, DeleteRemovesDisplaysScenariosAndPositionsUnlessTheRequestIsStillUsed) {
+TEST_P(RequestDbTest, DeleteRemovesDisplaysScenariosAndPositionsUnlessTheRequestIsStillUsed) {
   auto& reqs = *t.target->Requests();
   t.addDisplayOf("Lecture 'x'", "Consigne d'air");
   // "Vitesse" is the reference position of its data: the request is used.
@@ -183,6 +184,8 @@ TEST(RequestXmlTest, RoundTripKeepsTextsAsTheyAreAndLinksPositions) {
   EXPECT_EQ(describe(*back.Item(2)), "B|-|-|1|0|00111110|");
   back.clear();
 }
+
+KAVREL_ON_ENGINES(RequestDbTest);
 
 }  // namespace
 }  // namespace kavrel

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "kavrel/kavrel.h"
+#include "support/engines.h"
 #include "support/checks.h"
 #include "support/older_layout.h"
 #include "support/temp_db.h"
@@ -88,7 +89,9 @@ TEST(SessionOpen, ConnectionStringChosenByCaseSensitiveExtension) {
 
 // ---- identity and version
 
-TEST(SessionVersion, OnlyVersionFourIsAKavrelDatabase) {
+class SessionVersion : public ::kavrel::test::EngineTest {};
+
+TEST_P(SessionVersion, OnlyVersionFourIsAKavrelDatabase) {
   OpenSession o;
   EXPECT_TRUE(o.s->IsKavrelDatabase());
   o.s->CheckDatabaseVersion();
@@ -127,7 +130,9 @@ TEST(SessionVersion, OnlyVersionFourIsAKavrelDatabase) {
 
 // ---- catalogues
 
-TEST(SessionRead, NeedsANameAndPutsDefaultsForMissingTypeTables) {
+class SessionRead : public ::kavrel::test::EngineTest {};
+
+TEST_P(SessionRead, NeedsANameAndPutsDefaultsForMissingTypeTables) {
   auto s = KavrelDatabase::create();
   Error e = thrownBy([&] { s->DbRead(); });
   EXPECT_EQ(e.number(), 2);
@@ -153,7 +158,7 @@ TEST(SessionRead, NeedsANameAndPutsDefaultsForMissingTypeTables) {
   EXPECT_EQ(only(s->Pannes()), "0 Ne contient pas de pannes");
 }
 
-TEST(SessionRead, MissingFunctionsOrProtocolsStopTheRead) {
+TEST_P(SessionRead, MissingFunctionsOrProtocolsStopTheRead) {
   OpenSession o;
   o.s->DbRead();
   auto oldProtocols = o.s->protocols();
@@ -171,7 +176,7 @@ TEST(SessionRead, MissingFunctionsOrProtocolsStopTheRead) {
   EXPECT_EQ(o.s->typeOrganes(), oldTypes);
 }
 
-TEST(SessionRead, OlderLayout) {
+TEST_P(SessionRead, OlderLayout) {
   test::OlderLayoutDb old;
   old.conn->execute("INSERT INTO Fonctions (Address,[Function Name]) VALUES (88,'Freinage')");
   auto s = KavrelDatabase::create();
@@ -189,7 +194,9 @@ TEST(SessionRead, OlderLayout) {
 
 // ---- targets
 
-TEST(SessionTargets, FindByNameDoublesQuotesAndNewTargetReplacesTheActiveOne) {
+class SessionTargets : public ::kavrel::test::EngineTest {};
+
+TEST_P(SessionTargets, FindByNameDoublesQuotesAndNewTargetReplacesTheActiveOne) {
   OpenSession o;
   o.conn().execute("INSERT INTO Cibles (Address,[Target Name]) VALUES (122,'Moteur d''essai'), (123,'Moteur d''essai')");
   int32_t address = -5, id = -6;
@@ -222,7 +229,7 @@ TEST(SessionTargets, FindByNameDoublesQuotesAndNewTargetReplacesTheActiveOne) {
   EXPECT_EQ(o.s->ActiveTarget(), nullptr);
 }
 
-TEST(SessionTargets, DeleteUceRemovesAFullTargetOrNothing) {
+TEST_P(SessionTargets, DeleteUceRemovesAFullTargetOrNothing) {
   OpenSession o;
   // Two targets, each with a category holding a screen, and an organ.
   auto add = [&](const std::string& name) {
@@ -261,7 +268,9 @@ TEST(SessionTargets, DeleteUceRemovesAFullTargetOrNothing) {
 
 // ---- seeding
 
-TEST(SessionImport, SeedsANewDatabaseFromTheExampleOnce) {
+class SessionImport : public ::kavrel::test::EngineTest {};
+
+TEST_P(SessionImport, SeedsANewDatabaseFromTheExampleOnce) {
   // (The parameters document's round trip is checked with the documents.)
   OpenSession o;
   o.s->importParametersFromXml(kExample);
@@ -278,7 +287,7 @@ TEST(SessionImport, SeedsANewDatabaseFromTheExampleOnce) {
   EXPECT_EQ(count(o.conn(), "SELECT COUNT(*) FROM [Type Organe]"), before);
 }
 
-TEST(SessionImport, RefusesBadInput) {
+TEST_P(SessionImport, RefusesBadInput) {
   OpenSession o;
   const test::TempDir& dir = o.tdb.dir();
   const std::string missing = dir.file("absent.xml");
@@ -295,6 +304,11 @@ TEST(SessionImport, RefusesBadInput) {
   EXPECT_TRUE(test::contains(e.description(), "Failures"));
   EXPECT_EQ(count(o.conn(), "SELECT COUNT(*) FROM [Fonctions]"), 0);
 }
+
+KAVREL_ON_ENGINES(SessionVersion);
+KAVREL_ON_ENGINES(SessionRead);
+KAVREL_ON_ENGINES(SessionTargets);
+KAVREL_ON_ENGINES(SessionImport);
 
 }  // namespace
 }  // namespace kavrel

@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "kavrel/kavrel.h"
+#include "support/engines.h"
 #include "support/checks.h"
 #include "support/temp_db.h"
 
@@ -31,7 +32,7 @@ const char* const kExamples[] = {"examples/kline_target.xml", "examples/can_targ
 
 // A session on a fresh database whose catalogues come from the example
 // parameters document.
-class XmlDocuments : public ::testing::Test {
+class XmlDocuments : public ::kavrel::test::EngineTest {
  protected:
   void SetUp() override {
     session_->DbOpen(db_.path());
@@ -66,7 +67,7 @@ class XmlDocuments : public ::testing::Test {
   std::vector<std::pair<std::string, std::string>> warnings_;
 };
 
-TEST_F(XmlDocuments, ExamplesSurviveDocumentAndDatabase) {
+TEST_P(XmlDocuments, ExamplesSurviveDocumentAndDatabase) {
   for (const char* example : kExamples) {
     SCOPED_TRACE(example);
     const std::string original = readBytes(sourceFile(example));
@@ -90,7 +91,7 @@ TEST_F(XmlDocuments, ExamplesSurviveDocumentAndDatabase) {
   }
 }
 
-TEST_F(XmlDocuments, FrameFollowsTheSessionSettingsAndEachEncodingIsWrittenAndReadBack) {
+TEST_P(XmlDocuments, FrameFollowsTheSessionSettingsAndEachEncodingIsWrittenAndReadBack) {
   const std::string utf8 = importThenExport(sourceFile(kExamples[0]), "Encodé €");
   const std::string head = "<?xml version='1.0' encoding=\"UTF-8\"?>\n<?xml-stylesheet type=\"text/xsl\" href=\"" +
                            session_->xmlStyleSheet() + "\"?>\n<xml xmlns:kvr=\"" + session_->xmlns() +
@@ -125,7 +126,7 @@ TEST_F(XmlDocuments, FrameFollowsTheSessionSettingsAndEachEncodingIsWrittenAndRe
   EXPECT_EQ(session_->ActiveTarget()->name(), "Encodé €");
 }
 
-TEST_F(XmlDocuments, ImportRefusesADocumentWithoutTheXmlRootAndRaisesWhatLoadingLeftPending) {
+TEST_P(XmlDocuments, ImportRefusesADocumentWithoutTheXmlRootAndRaisesWhatLoadingLeftPending) {
   importThenExport(sourceFile(kExamples[0]), "Before");
   for (const char* text : {"<?xml version=\"1.0\"?>\n<document>\n<kvr:Target Name=\"X\"/>\n</document>\n",
                            "<?xml version=\"1.0\"?>\n<xml><kvr:Target Name=\"X\">\n",  // malformed
@@ -148,7 +149,7 @@ TEST_F(XmlDocuments, ImportRefusesADocumentWithoutTheXmlRootAndRaisesWhatLoading
   EXPECT_EQ(test::thrownBy([&] { session_->ImportUceFromXml(file("novalue.xml")); }).number(), 1);
 }
 
-TEST_F(XmlDocuments, UnwritablePathWarnsAndRecordsWithoutThrowing) {
+TEST_P(XmlDocuments, UnwritablePathWarnsAndRecordsWithoutThrowing) {
   importThenExport(sourceFile(kExamples[0]), "Nowhere");
   const std::string path = file("no/such/folder/t.xml");
   clearLastError();
@@ -169,7 +170,7 @@ TEST_F(XmlDocuments, UnwritablePathWarnsAndRecordsWithoutThrowing) {
   EXPECT_FALSE(std::filesystem::exists(file("none.xml")));
 }
 
-TEST_F(XmlDocuments, ParametersDocumentFrameEncodingAndRoundTrip) {
+TEST_P(XmlDocuments, ParametersDocumentFrameEncodingAndRoundTrip) {
   session_->ExportParametersToXml(file("p.xml"));
   ASSERT_FALSE(lastError().pending()) << lastError().description;
   const std::string text = readBytes(file("p.xml"));
@@ -195,7 +196,7 @@ TEST_F(XmlDocuments, ParametersDocumentFrameEncodingAndRoundTrip) {
   EXPECT_EQ(difference(readBytes(file("p2.xml")), text), "");
 }
 
-TEST_F(XmlDocuments, ExportNamedUceOpensExportsAndClosesAgain) {
+TEST_P(XmlDocuments, ExportNamedUceOpensExportsAndClosesAgain) {
   importThenExport(sourceFile(kExamples[0]), "Named");
   storeAndReadBack();
   const std::string stored = exportActive("stored.xml");
@@ -223,6 +224,8 @@ TEST_F(XmlDocuments, ExportNamedUceOpensExportsAndClosesAgain) {
   EXPECT_EQ(lastError().source, std::string("ExportNamedUceToXml ") + kLibraryName);
   EXPECT_FALSE(exporter->DbConnection());
 }
+
+KAVREL_ON_ENGINES(XmlDocuments);
 
 }  // namespace
 }  // namespace kavrel

@@ -27,7 +27,13 @@ struct OlderLayoutDb {
   OlderLayoutDb() {
     // An empty file is an empty database for the engine; the connection
     // then creates the tables through the ordinary interface.
-    std::ofstream(path, std::ios::binary).flush();
+    // On the server engine: a new empty database of the test server.
+    if (currentEngine() == Engine::PostgreSQL) {
+      path = createServerDatabase();
+      onServer = true;
+    } else {
+      std::ofstream(path, std::ios::binary).flush();
+    }
     conn = db::openConnection(path);
     db::Transaction tx(*conn);
     for (const char* statement : {
@@ -78,9 +84,13 @@ struct OlderLayoutDb {
       conn->execute(statement);
     tx.commit();
   }
-  ~OlderLayoutDb() { conn->close(); }
+  ~OlderLayoutDb() {
+    conn->close();
+    if (onServer) dropServerDatabase(path);
+  }
   TempDir dir;
   std::string path = dir.file("old.sqlite");
+  bool onServer = false;
   std::shared_ptr<db::Connection> conn;
 };
 

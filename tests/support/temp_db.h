@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "kavrel/platform/db.h"
+#include "support/engines.h"
 
 namespace kavrel::test {
 
@@ -50,13 +51,22 @@ class TempDir {
   std::filesystem::path path_;
 };
 
-// A database file created with kavrel::db::createDatabase in its own TempDir.
+// A database created with kavrel::db::createDatabase: a file in its own
+// TempDir, or, while a test runs on the server engine (see engines.h), a new
+// database on the test server (path() is then its URI).
 class TempDb {
  public:
-  TempDb() { db::createDatabase(path_); }
+  explicit TempDb(Engine engine = currentEngine()) {
+    if (engine == Engine::PostgreSQL) {
+      path_ = createServerDatabase();
+      onServer_ = true;
+    }
+    db::createDatabase(path_);
+  }
   ~TempDb() {
     try {
       if (conn_) conn_->close();  // before the folder goes
+      if (onServer_) dropServerDatabase(path_);
     } catch (...) {
     }
   }
@@ -75,7 +85,19 @@ class TempDb {
  private:
   TempDir dir_;
   std::string path_ = dir_.file("kavrel.sqlite");
+  bool onServer_ = false;
   std::shared_ptr<db::Connection> conn_;
 };
+
+// The first field of each row of `sql`, as texts joined by `separator`
+// (the engines have no aggregate for this in common).
+inline std::string joinedRows(db::Connection& conn, const std::string& sql, const std::string& separator = ",") {
+  std::string out;
+  bool first = true;
+  for (auto rs = conn.execute(sql); !rs->eof(); rs->moveNext(), first = false) {
+    out += (first ? "" : separator) + rs->field(0).toText();
+  }
+  return out;
+}
 
 }  // namespace kavrel::test

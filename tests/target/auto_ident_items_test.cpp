@@ -3,13 +3,14 @@
 #include <gtest/gtest.h>
 
 #include "kavrel/kavrel.h"
+#include "support/engines.h"
 #include "support/checks.h"
 #include "target/target_fixture.h"
 
 namespace kavrel {
 namespace {
 
-class AutoIdentDb : public ::testing::Test {
+class AutoIdentDb : public ::kavrel::test::EngineTest {
  protected:
   void SetUp() override {
     target->setAddress(122);
@@ -18,13 +19,13 @@ class AutoIdentDb : public ::testing::Test {
     target->dbInsertTargetAll(*s.conn);
     target->setAutoIdents(idents);
   }
-  int64_t rows(const std::string& where = "1") { return s.count("SELECT count(*) FROM Identification WHERE " + where); }
+  int64_t rows(const std::string& where = "1=1") { return s.count("SELECT count(*) FROM Identification WHERE " + where); }
   test::SessionDb s;
   std::shared_ptr<TargetItem> target = s.session->NewTarget();
   std::shared_ptr<AutoIdentItems> idents = std::make_shared<AutoIdentItems>();
 };
 
-TEST_F(AutoIdentDb, InsertReadUpdateDeleteAndEmptyTextsStoredAsNull) {
+TEST_P(AutoIdentDb, InsertReadUpdateDeleteAndEmptyTextsStoredAsNull) {
   auto a = idents->Add(3, "SUP", "SW", "V1", target);
   auto b = idents->Add(4, "SUP", "SW", "V2", target);
   auto e = idents->Add(5, "", "SW", "V1", target);
@@ -57,7 +58,7 @@ TEST_F(AutoIdentDb, InsertReadUpdateDeleteAndEmptyTextsStoredAsNull) {
   EXPECT_EQ(idents->Count(), 1);  // the statement ran, so the entry leaves the list
 }
 
-TEST_F(AutoIdentDb, QuotedTextFailsTheDeleteAndTouchesNoOtherRow) {
+TEST_P(AutoIdentDb, QuotedTextFailsTheDeleteAndTouchesNoOtherRow) {
   auto quoted = idents->Add(6, "O'Brien", "SW", "V1", target);
   auto other = idents->Add(6, "Other", "SW", "V1", target);
   quoted->dbInsert(*s.conn);
@@ -94,6 +95,8 @@ TEST(AutoIdentXml, EntriesTakeTheirTargetAndMissingAttributesTheDefaults) {
   EXPECT_EQ(idents.Item(3)->DiagNumber(), 0);
   EXPECT_TRUE(lastError().pending());  // the unreadable number is left for the caller
 }
+
+KAVREL_ON_ENGINES(AutoIdentDb);
 
 }  // namespace
 }  // namespace kavrel

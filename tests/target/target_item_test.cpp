@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "kavrel/kavrel.h"
+#include "support/engines.h"
 #include "support/checks.h"
 #include "support/older_layout.h"
 #include "target/target_fixture.h"
@@ -42,7 +43,7 @@ TEST(TargetItem, DirtyFlagIsSetByAllButParentAutoIdentsAndCategoriesAndClearRele
 
 // ---- database
 
-class TargetDb : public ::testing::Test {
+class TargetDb : public ::kavrel::test::EngineTest {
  protected:
   std::shared_ptr<TargetItem> newTarget(int32_t address, const std::string& name) {
     auto t = s.session->NewTarget();
@@ -70,7 +71,7 @@ class TargetDb : public ::testing::Test {
   test::SessionDb s;
 };
 
-TEST_F(TargetDb, InsertedTargetReadsBackWhole) {
+TEST_P(TargetDb, InsertedTargetReadsBackWhole) {
   auto t = newTarget(122, "ABS 5.3");
   t->setLangue("English");
   t->setReference(false);
@@ -98,7 +99,7 @@ TEST_F(TargetDb, InsertedTargetReadsBackWhole) {
   EXPECT_FALSE(r->datasRef());
 }
 
-TEST_F(TargetDb, DbReadIsTrueForAnUnknownIdAndTakesCanIdsWhenPresent) {
+TEST_P(TargetDb, DbReadIsTrueForAnUnknownIdAndTakesCanIdsWhenPresent) {
   auto t = newTarget(0, "kept");
   t->Parametres()->setCanXId(77);
   EXPECT_TRUE(t->DbRead(*s.conn, 5, 999));
@@ -121,7 +122,7 @@ TEST_F(TargetDb, DbReadIsTrueForAnUnknownIdAndTakesCanIdsWhenPresent) {
   EXPECT_THROW(t->DbRead(*s.conn, 65, id), Error);
 }
 
-TEST_F(TargetDb, UpdateAndRenameTouchOnlyAnExistingRow) {
+TEST_P(TargetDb, UpdateAndRenameTouchOnlyAnExistingRow) {
   auto t = newTarget(122, "Before");
   t->dbInsertTargetAll(*s.conn);
   const int32_t address = t->Address(), id = t->targetid();
@@ -146,7 +147,7 @@ TEST_F(TargetDb, UpdateAndRenameTouchOnlyAnExistingRow) {
   EXPECT_EQ(t->name(), "After");
 }
 
-TEST_F(TargetDb, NewFunctionRowLeavesMissingIdentifiersEmpty) {
+TEST_P(TargetDb, NewFunctionRowLeavesMissingIdentifiersEmpty) {
   auto t = importAirbag("<CAN BaudRate=\"500000\" Multipoint=\"0\" InitMode=\"3\"><SendId><CANId Value=\"1818\"/>"
                         "</SendId></CAN>");
   ASSERT_TRUE(s.session->functions()->ItemName("Airbag"));
@@ -156,7 +157,7 @@ TEST_F(TargetDb, NewFunctionRowLeavesMissingIdentifiersEmpty) {
             1);
 }
 
-TEST_F(TargetDb, InsertFailuresRollBackWhatTheyMustAndNameTheirStep) {
+TEST_P(TargetDb, InsertFailuresRollBackWhatTheyMustAndNameTheirStep) {
   // The table whose inserts fail, whether the target is the imported one with
   // a new function, the start of the thrown description ("" for nothing
   // thrown), and tables left empty.
@@ -172,13 +173,21 @@ TEST_F(TargetDb, InsertFailuresRollBackWhatTheyMustAndNameTheirStep) {
       // Collection failures neither stop the insert nor reach the caller.
       {"Identification", false, "", {}},
   };
-  int triggers = 0;
+  // A trigger refuses every insert into the table (each engine writes
+  // triggers its own way).
+  if (onServer()) {
+    s.conn->execute("CREATE FUNCTION refuse() RETURNS trigger AS $$ BEGIN RAISE EXCEPTION 'refused by test'; END $$ "
+                    "LANGUAGE plpgsql");
+  }
+  const char* refusing = nullptr;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.table);
     s.conn->execute("DELETE FROM Cibles");
-    s.conn->execute("DROP TRIGGER IF EXISTS refuse_" + std::to_string(triggers));
-    s.conn->execute("CREATE TRIGGER refuse_" + std::to_string(++triggers) + " BEFORE INSERT ON " + c.table +
-                    " BEGIN SELECT RAISE(ABORT, 'refused by test'); END");
+    if (refusing) s.conn->execute(std::string("DROP TRIGGER refuse") + (onServer() ? " ON " + std::string(refusing) : ""));
+    refusing = c.table;
+    s.conn->execute(std::string("CREATE TRIGGER refuse BEFORE INSERT ON ") + c.table +
+                    (onServer() ? " FOR EACH ROW EXECUTE FUNCTION refuse()"
+                                : " BEGIN SELECT RAISE(ABORT, 'refused by test'); END"));
     clearLastError();
     auto t = c.imported ? importAirbag() : newTarget(122, "P");
     t->setAutoIdents(std::make_shared<AutoIdentItems>());
@@ -205,7 +214,9 @@ TEST_F(TargetDb, InsertFailuresRollBackWhatTheyMustAndNameTheirStep) {
   }
 }
 
-TEST(TargetOlderLayout, ReadsNameParametersAndLeavesTheRest) {
+class TargetOlderLayout : public ::kavrel::test::EngineTest {};
+
+TEST_P(TargetOlderLayout, ReadsNameParametersAndLeavesTheRest) {
   test::OlderLayoutDb old;
   old.conn->execute("INSERT INTO Cibles (Address,[Target Name]) VALUES (122,'ABS old')");
   old.conn->execute("INSERT INTO [Paramètres UCE] ([Ecu Id],[Init Mode],[Baud Rate],Multipoint,[Little Endian]) "
@@ -364,6 +375,9 @@ TEST(TargetXml, CanDescriptionUpdatesTheCatalogueFunctionAndIdentificationReload
   EXPECT_EQ(t->Categories()->Count(), 0);
   EXPECT_EQ(t->AutoIdents()->Count(), 1);
 }
+
+KAVREL_ON_ENGINES(TargetDb);
+KAVREL_ON_ENGINES(TargetOlderLayout);
 
 }  // namespace
 }  // namespace kavrel

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "kavrel/kavrel.h"
+#include "support/engines.h"
 #include "support/checks.h"
 #include "support/older_layout.h"
 #include "target/target_fixture.h"
@@ -98,7 +99,7 @@ TEST(TargetParamItem, SettersRaiseOnChangesOnlyAndDefaultsComeBack) {
 
 // ---- database
 
-class TargetParamDb : public ::testing::Test {
+class TargetParamDb : public ::kavrel::test::EngineTest {
  protected:
   void SetUp() override {
     s.conn->execute("INSERT INTO Cibles (Address,[Target Name],Langue,[Référence]) VALUES (122,'ABS 5','Français',-1)");
@@ -109,7 +110,7 @@ class TargetParamDb : public ::testing::Test {
   std::shared_ptr<TargetItem> target = s.session->NewTarget();
 };
 
-TEST_F(TargetParamDb, InsertThenReadRestoresEveryColumn) {
+TEST_P(TargetParamDb, InsertThenReadRestoresEveryColumn) {
   auto p = target->Parametres();
   setDistinctValues(*p, 1);
   p->setReprogrammable("  Flash  ");
@@ -142,7 +143,7 @@ TEST_F(TargetParamDb, InsertThenReadRestoresEveryColumn) {
   EXPECT_EQ(r.Reprogrammable(), "");
 }
 
-TEST_F(TargetParamDb, UpdateAndReadNeedTheRowAndTheTarget) {
+TEST_P(TargetParamDb, UpdateAndReadNeedTheRowAndTheTarget) {
   auto p = target->Parametres();
   EXPECT_TRUE(test::throws([&] { p->dbUpdate(*s.conn); }, 100, "Target parameters not found"));
   auto notFound = [&] {
@@ -164,7 +165,9 @@ TEST_F(TargetParamDb, UpdateAndReadNeedTheRowAndTheTarget) {
   EXPECT_TRUE(p->isChanged());
 }
 
-TEST(TargetParamOlderLayout, ReadsTheOlderColumnsOnly) {
+class TargetParamOlderLayout : public ::kavrel::test::EngineTest {};
+
+TEST_P(TargetParamOlderLayout, ReadsTheOlderColumnsOnly) {
   test::OlderLayoutDb old;
   old.conn->execute("INSERT INTO Cibles (Address,[Target Name]) VALUES (122,'ABS')");
   old.conn->execute(
@@ -253,6 +256,9 @@ TEST(TargetParamXml, LineElementsTheExamplesDoNotShowAndDefaultsForMissingElemen
   EXPECT_EQ(p->TypePanne(), "Ne contient pas de pannes");
   EXPECT_EQ(p->Comment() + p->DateOfficialisation(), "");
 }
+
+KAVREL_ON_ENGINES(TargetParamDb);
+KAVREL_ON_ENGINES(TargetParamOlderLayout);
 
 }  // namespace
 }  // namespace kavrel

@@ -20,6 +20,7 @@
 #include <string_view>
 
 #include "kavrel/kavrel.h"
+#include "kavrel/platform/names.h"
 
 namespace kavrel::cli {
 
@@ -351,9 +352,14 @@ int runInit(const std::string& database, const std::string& parameters) {
     session->DbClose();
   } catch (...) {
     // A half-made database is of no use, and this one is ours: leave
-    // nothing behind.
+    // nothing behind (a file with its journals, or a server's new tables).
+    try {
+      db::removeDatabase(database);
+    } catch (...) {
+      // The first failure is the one to report.
+    }
     std::error_code ec;
-    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) fs::remove(fs::u8path(database + suffix), ec);
+    for (const char* suffix : {"-wal", "-shm"}) fs::remove(fs::u8path(database + suffix), ec);
     throw;
   }
   writeStdout(created, "init");
@@ -554,6 +560,9 @@ int runImport(const ImportOptions& o) {
       auto was = canBefore.find(f.get());
       if (was != canBefore.end() && was->second != std::make_pair(f->CanXId(), f->CanRId())) f->dbUpdate(conn);
     }
+  // Another writer importing the same name waits here until this import
+  // ends, then finds the target stored.
+  conn.lockKey("target " + names::key(target->name()));
 
   int32_t address = 0;
   int32_t targetid = 0;

@@ -40,18 +40,18 @@ int main(int argc, char** argv) {
       "Seconds to wait for another process's write to the database before giving up (default: the "
       "KAVREL_LOCK_TIMEOUT environment variable, else 60)";
   auto* init = app.add_subcommand("init", "Create a new, empty definitions database");
-  init->add_option("DB", database, "The database file to create (must not exist)")->required();
+  init->add_option("DB", database, "The database to create: a new file, or an empty PostgreSQL database")->required();
   init->add_option("--parameters", parameters,
                    "A parameters document (Functions, Protocols, Failures, DeviceTypes) to seed the catalogues");
 
   auto* check = app.add_subcommand("check", "Tell whether a file is a definitions database and its schema version");
-  check->add_option("DB", database, "The database file")->required();
+  check->add_option("DB", database, "The database: a file, or a PostgreSQL URI or connection string")->required();
 
   auto* targets = app.add_subcommand(
       "targets",
       "List the targets, one a line, tab-separated: name, address, id, and the numbers of requests, data items, "
       "devices and screens");
-  targets->add_option("DB", database, "The database file")->required();
+  targets->add_option("DB", database, "The database: a file, or a PostgreSQL URI or connection string")->required();
   std::string format = "text";
   targets->add_option("--format", format,
                       "text (default: the lines above, names as stored), tsv (a header line, then the fields with "
@@ -79,7 +79,7 @@ int main(int argc, char** argv) {
       "Store the target of a target document in the database. What the import skips or changes (names cut to "
       "their column, links to undefined requests or data, rows the database refuses) is reported on standard "
       "error afterwards: counts, then the first few with the element concerned");
-  import->add_option("DB", importOptions.database, "The database file")->required();
+  import->add_option("DB", importOptions.database, "The database: a file, or a PostgreSQL URI or connection string")->required();
   import->add_option("FILE", importOptions.file, "The target document")->required();
   import->add_flag("--replace", importOptions.replace, "Replace a stored target of the same name (otherwise refused)");
   import->add_flag("--strict", importOptions.strict,
@@ -90,13 +90,13 @@ int main(int argc, char** argv) {
   std::optional<std::string> encoding;
   auto* exportParameters =
       app.add_subcommand("export-parameters", "Write the shared catalogues as a parameters document");
-  exportParameters->add_option("DB", database, "The database file")->required();
+  exportParameters->add_option("DB", database, "The database: a file, or a PostgreSQL URI or connection string")->required();
   exportParameters->add_option("-o,--output", output, "The document to write (default: standard output)");
   exportParameters->add_option("--encoding", encoding, "Encoding of the document (default: UTF-8)");
 
   std::string targetName;
   auto* deleteCmd = app.add_subcommand("delete", "Delete a target and everything under it");
-  deleteCmd->add_option("DB", database, "The database file")->required();
+  deleteCmd->add_option("DB", database, "The database: a file, or a PostgreSQL URI or connection string")->required();
   deleteCmd->add_option("TARGET", targetName, "The target's name")->required();
   std::optional<double> deleteLockTimeout;
   deleteCmd->add_option("--lock-timeout", deleteLockTimeout, lockTimeoutHelp)->check(CLI::NonNegativeNumber);
@@ -104,11 +104,11 @@ int main(int argc, char** argv) {
   std::string destination;
   auto* convert = app.add_subcommand(
       "convert",
-      "Write a new SQLite definitions database (schema version 4) from SOURCE: a legacy .mdb file or an SQLite "
-      "file, of version 4 (copied with its ids) or of the older layout (read target by target); one line per table "
+      "Write a new definitions database (schema version 4: an SQLite file or an empty PostgreSQL database) from "
+      "SOURCE: a legacy .mdb file, an SQLite file or a PostgreSQL database, of version 4 (copied with its ids) or of the older layout (read target by target); one line per table "
       "with the rows read and written");
   convert->add_option("SOURCE", database, "The database to read")->required();
-  convert->add_option("DEST", destination, "The SQLite database file to create (must not exist)")->required();
+  convert->add_option("DEST", destination, "The SQLite file to create (must not exist) or an empty PostgreSQL database")->required();
 
   try {
     app.parse(argc, argv);

@@ -154,6 +154,12 @@ class Connection {
   // leaves them broken fails its commit (and stays open to be rolled back);
   // the enclosing levels check after each statement again.
   virtual void deferConstraintChecks() = 0;
+  // Until the outermost transaction ends, another connection asking for the
+  // same key waits: for check-then-write steps such as "store the target
+  // unless one has its name" when several writers work at once. An engine
+  // that lets one writing transaction in at a time (the embedded one) has
+  // nothing to do; outside a transaction nothing is held.
+  virtual void lockKey(std::string_view key) { (void)key; }
 
   // The errors of the last failing operation (newest last), like the legacy
   // connection's error list. clearErrors() empties it.
@@ -207,6 +213,12 @@ std::shared_ptr<Connection> openConnection(std::string_view connectionString);
 // Creates a new, empty definitions database at `path` with the whole schema
 // and the [system] version row "4". Fails if the file already exists.
 void createDatabase(const std::string& path);
+
+// Removes what createDatabase made at `path`: the file (and its journal),
+// or, for a server database, the schema's tables and the objects made with
+// them (the database itself stays, empty). What is already gone is no
+// error; a server that cannot be reached is.
+void removeDatabase(const std::string& path);
 
 // The schema's SQL text (for tools and tests).
 std::string_view schemaSql();

@@ -1,12 +1,14 @@
-// Conversion of a definitions database into a new SQLite definitions
-// database of schema version "4".
+// Conversion of a definitions database into a new definitions database of
+// schema version "4": an SQLite file, or a PostgreSQL database (a URI or
+// key/value connection string) that holds no table yet.
 //
 //   auto tables = kavrel::convertDatabase("definitions.mdb", "definitions.db",
 //       [](const kavrel::db::TableCopy& t) { ... one line per table ... });
 //
 // The source is anything DbOpen opens (a legacy .mdb file, a data link, an
 // SQLite file) and is only read. The destination must not exist (error 58)
-// and must not end in ".mdb" (error 3001: only SQLite files are written).
+// and must not end in ".mdb" (error 3001: legacy files are only read); a
+// server database must hold no table yet (error 58).
 //  - A source of schema version "4" is copied table by table with its ids
 //    (db::copyDatabase); each TableCopy gives the rows read and written.
 //  - A source of an older layout (its [system] version a whole number below
@@ -22,7 +24,8 @@
 //    stored equal those read.
 //  - Any other source gets the identity check's recorded error, thrown:
 //    3 (no [system] table), 4 (no version row), 5 (another version).
-// On any failure the error is thrown and no destination file is left.
+// On any failure the error is thrown and no destination file is left (on a
+// server: the tables made are dropped again).
 #pragma once
 
 #include <functional>

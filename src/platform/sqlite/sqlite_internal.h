@@ -160,6 +160,10 @@ std::string quoteIdentifier(std::string_view name);
 // Position of the top-level FROM keyword of a SELECT, or npos.
 size_t findTopLevelFrom(std::string_view select);
 
+// The database under a connection of this backend (null for another
+// backend's connection): for backends built on this one.
+std::shared_ptr<Database> databaseOf(Connection& conn);
+
 // The name rule (sqlite_names.cpp): registers the KAVREL_NAME collation on a
 // connection; on open (and, while that did not succeed, before every
 // write) upgrades a file whose name columns predate it (one transaction; refused with error 2067, file unchanged, when
@@ -168,9 +172,6 @@ size_t findTopLevelFrom(std::string_view select);
 void registerNameCollation(sqlite3* db);
 void ensureNameRule(Database& db);
 std::string withNameCollationForTest(const std::string& createTable, const std::vector<std::string>& columns);
-// The database under a connection of this backend (null for another
-// backend's connection): for backends built on this one.
-std::shared_ptr<Database> databaseOf(Connection& conn);
 
 std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt);
 std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt);

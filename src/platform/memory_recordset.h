@@ -1,0 +1,55 @@
+// Result-set parts that do not depend on an engine: field names, the errors
+// a result set raises by itself, and the client-side (in-memory, filterable)
+// result set. An engine supplies its rows; nothing here talks to a database.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kavrel/platform/db.h"
+
+namespace kavrel::db::memory {
+
+inline constexpr const char* kRecordsetSource = "Recordset";
+inline constexpr int32_t kErrNoCurrentRow = 3021;
+inline constexpr int32_t kErrBadArguments = 3001;
+inline constexpr int32_t kErrNotSupported = 3251;
+inline constexpr int32_t kErrItemNotFound = 3265;
+inline constexpr int32_t kErrObjectClosed = 3704;
+
+[[noreturn]] void throwNoCurrentRow();
+[[noreturn]] void throwItemNotFound(std::string_view name);
+[[noreturn]] void throwClosed();
+[[noreturn]] void throwRecordsetError(int32_t number, std::string description);
+
+// Field names: matched without letter case (ASCII and Latin-1 capitals) and
+// without enclosing brackets or blanks.
+std::string foldName(std::string_view name);
+class FieldNames {
+ public:
+  void add(std::string name);
+  int size() const { return static_cast<int>(names_.size()); }
+  const std::string& name(int i) const { return names_[static_cast<size_t>(i)]; }
+  // -1 when no field has that name; the first of equal names wins.
+  int find(std::string_view name) const;
+  // As find(), but throws error 3265 for an unknown name.
+  int require(std::string_view name) const;
+  void checkIndex(int index) const;
+
+ private:
+  std::vector<std::string> names_;
+  std::vector<std::string> folded_;
+};
+
+// Fills the next row's values (as many as there are fields) and returns
+// true, or returns false at the end. May throw; nothing is kept then.
+using RowSource = std::function<bool(Value* out)>;
+
+// Reads every row at once; filters then work on memory only.
+std::unique_ptr<ClientRecordset> makeClientRecordset(FieldNames names, const RowSource& next);
+
+}  // namespace kavrel::db::memory

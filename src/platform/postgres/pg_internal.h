@@ -1,0 +1,160 @@
+// Private parts of the PostgreSQL backend shared by its connection and result
+// sets. Nothing here is visible above src/platform/postgres.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "kavrel/platform/db.h"
+#include "platform/memory_recordset.h"
+#include "platform/postgres/pg_handle.h"
+
+namespace kavrel::db::postgres {
+
+inline constexpr const char* kSource = "PostgreSQL";
+
+// A statement parameter: text, or no value for Null. The server gives it the
+// type its place asks for.
+using Param = std::optional<std::string>;
+Param toParam(const Value& v);
+// A result field as a Value, typed by the column's type.
+Value fieldValue(const PGresult* r, int row, int column);
+
+struct Query {
+  std::string sql;
+  std::vector<Param> params;
+  std::string statement;  // the name it was prepared under, or empty
+};
+
+struct ColumnInfo {
+  std::string name;  // as stored (lower case)
+};
+
+struct TableInfo {
+  std::string name;  // as stored
+  std::map<int, ColumnInfo> columns;  // by attribute number
+  std::string identityColumn;  // the autonumber column, or empty
+  std::string identitySequence;
+};
+
+// The layout of an updatable SELECT (read without running it).
+struct SelectShape {
+  std::vector<std::string> fieldNames;  // as stored
+  std::vector<std::string> columns;     // the table column of each field, or empty
+  unsigned tableOid = 0;
+};
+
+// The open connection and the state every object on it shares.
+class Database {
+ public:
+  Database(ConnHandle conn, std::string description);
+  ~Database();
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+
+  PGconn* handle();  // throws when closed
+  bool isOpen() const { return conn_ != nullptr; }
+  void close() noexcept;
+  const std::string& description() const { return description_; }
+
+  // Builds the DbError of a failed result, records it and throws it.
+  [[noreturn]] void fail(const Result& r, std::string_view sql);
+  [[noreturn]] void fail(DbError e);
+  DbError errorOf(const Result& r, std::string_view sql) const;
+  std::vector<DbError>& errors() { return errors_; }
+  // adaptSql(), its refusal recorded in the error list.
+  std::string adapt(std::string_view sql);
+
+  // Runs one statement (already in the engine's dialect) and returns its
+  // result; throws on failure. Inside a transaction the statement runs under
+  // a savepoint of its own, so that a failed statement leaves the
+  // transaction usable (as a failed statement does on the embedded engine).
+  // Outside one, a serialization failure or deadlock is retried.
+  Result run(std::string_view sql, const std::vector<Param>& params = {}, std::string_view shownSql = {});
+  // As run(), for a statement the connection runs many times (the row
+  // writes of the result sets): parsed and planned once.
+  Result runPrepared(const std::string& sql, const std::vector<Param>& params);
+  // Runs a statement on the bare connection (transaction control).
+  void control(const std::string& sql);
+  // Runs the queries in one round trip; results in order, a query skipped
+  // after a failure gives a PGRES_PIPELINE_ABORTED result.
+  std::vector<Result> pipeline(const std::vector<Query>& queries);
+
+  const TableInfo& tableInfo(unsigned oid);
+  // After a table definition changed: what was read of the tables goes.
+  void forgetLayouts() {
+    tables_.clear();
+    shapes_.clear();
+    autonumbers_.clear();
+    if (!prepared_.empty() && conn_) {
+      Result r(PQexec(conn_.get(), "DEALLOCATE ALL"));
+    }
+    prepared_.clear();
+  }
+
+  // A row was written with its autonumber given (a copy keeping its ids):
+  // the table's sequence goes on after the highest id, as autonumbers do on
+  // the embedded engine. Done at once outside a transaction, else when the
+  // outermost one commits.
+  void autonumberGiven(const std::string& table);
+  void settleAutonumbers();
+  // The autonumber column of a table (by stored name) and its sequence,
+  // both empty when it has none.
+  const std::pair<std::string, std::string>& autonumberOf(const std::string& table);
+  const SelectShape& shapeOf(const std::string& sql, std::string_view shownSql);
+
+  int transactionDepth = 0;
+  int64_t recordsAffected = 0;
+
+ private:
+  Result exec(const std::string& sql, const std::vector<Param>& params);
+  Result runQuery(const Query& q, std::string_view shownSql);
+  Result execPrepared(const std::string& name, const std::vector<Param>& params);
+
+  ConnHandle conn_;
+  std::string description_;
+  std::vector<DbError> errors_;
+  std::unordered_map<unsigned, TableInfo> tables_;
+  std::vector<std::string> autonumbersGiven_;
+  std::unordered_map<std::string, std::pair<std::string, std::string>> autonumbers_;
+  std::unordered_map<std::string, SelectShape> shapes_;
+  std::unordered_map<std::string, std::string> prepared_;  // text -> name
+};
+
+// Dialect: the legacy SQL text as the engine takes it. Bracketed names
+// become quoted lower-case identifiers (the schema's names are stored in lower
+// case, so bare and bracketed spellings of any case meet), "DELETE * FROM"
+// becomes "DELETE FROM", ORDER BY on a name column sorts by the name rule,
+// and table definitions take the engine's types. A second statement is
+// refused.
+std::string adaptSql(std::string_view sql);
+// The display spelling of a stored (lower-case) name: as the schema or the
+// statement wrote it.
+std::string displayName(const std::string& stored, std::string_view sql);
+std::string quoteIdentifier(std::string_view name);
+size_t findTopLevelFrom(std::string_view select);
+// True for CREATE, DROP and ALTER statements.
+bool isDefinition(std::string_view sql);
+// The stored name of the table an INSERT statement writes when it gives
+// the table's autonumber column (autonumberOf: a table's autonumber column,
+// or empty), else empty.
+std::string insertedTable(std::string_view adaptedSql,
+                          const std::function<std::string(const std::string&)>& autonumberOf);
+// False when the SELECT's FROM clause names more than one table (or one twice).
+bool readsOneTable(std::string_view select);
+
+// The schema as the engine takes it, generated from the one schema text.
+std::string schemaScript(std::string_view legacySchema);
+
+std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql);
+std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql);
+std::unique_ptr<UpdatableRecordset> makeUpdatableRecordset(std::shared_ptr<Database> db, std::string_view sql);
+
+}  // namespace kavrel::db::postgres

@@ -1,0 +1,410 @@
+// Result sets on the server: the forward-only one of execute(), the
+// client-side one, and the updatable one.
+//
+// The updatable result set addresses its rows by their physical position
+// (ctid), which every table has, keyed or not; a changed row's new position is
+// read back with the change. A new row is written at once (a statement
+// prepared once per table and set of columns), its autonumber and every
+// column read back with it, so that a refused row is reported by the
+// update() that wrote it.
+#include <algorithm>
+
+#include "platform/postgres/pg_internal.h"
+
+namespace kavrel::db::postgres {
+
+using memory::FieldNames;
+using memory::throwClosed;
+using memory::throwItemNotFound;
+using memory::throwNoCurrentRow;
+using memory::throwRecordsetError;
+
+namespace {
+
+FieldNames namesOf(const PGresult* r, std::string_view sql, int count) {
+  FieldNames names;
+  for (int i = 0; i < count; ++i) names.add(displayName(PQfname(r, i), sql));
+  return names;
+}
+
+class ForwardRecordset final : public Recordset {
+ public:
+  ForwardRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql)
+      : db_(std::move(db)), result_(std::move(r)), names_(namesOf(result_.get(), sql, PQnfields(result_.get()))) {
+    rows_ = PQntuples(result_.get());
+    row_.resize(static_cast<size_t>(names_.size()));
+    load();
+  }
+
+  bool eof() override {
+    checkOpen();
+    return pos_ >= rows_;
+  }
+
+  void moveNext() override {
+    checkOpen();
+    db_->handle();  // rows are all here, but the connection must still be open, as on a file
+    if (pos_ >= rows_) throwNoCurrentRow();
+    ++pos_;
+    load();
+  }
+
+  int fieldCount() override {
+    checkOpen();
+    return names_.size();
+  }
+
+  std::string fieldName(int index) override {
+    checkOpen();
+    names_.checkIndex(index);
+    return names_.name(index);
+  }
+
+  const Value& field(int index) override {
+    checkOpen();
+    names_.checkIndex(index);
+    if (pos_ >= rows_) throwNoCurrentRow();
+    return row_[static_cast<size_t>(index)];
+  }
+
+  const Value& field(std::string_view name) override {
+    checkOpen();
+    int index = names_.require(name);
+    if (pos_ >= rows_) throwNoCurrentRow();
+    return row_[static_cast<size_t>(index)];
+  }
+
+  void close() override {
+    closed_ = true;
+    result_.reset();
+  }
+
+ private:
+  void checkOpen() const {
+    if (closed_) throwClosed();
+  }
+
+  void load() {
+    if (pos_ >= rows_) return;
+    for (int i = 0; i < names_.size(); ++i) row_[static_cast<size_t>(i)] = fieldValue(result_.get(), pos_, i);
+  }
+
+  std::shared_ptr<Database> db_;
+  Result result_;
+  FieldNames names_;
+  std::vector<Value> row_;
+  int rows_ = 0;
+  int pos_ = 0;
+  bool closed_ = false;
+};
+
+// --- updatable ---------------------------------------------------------------------
+
+constexpr const char* kCtidName = "kavrel ctid";
+
+struct Row {
+  std::string ctid;
+  std::vector<Value> values;
+  bool deleted = false;
+};
+
+class UpdatableRecordsetImpl final : public UpdatableRecordset {
+ public:
+  UpdatableRecordsetImpl(std::shared_ptr<Database> db, std::string_view sql) : db_(std::move(db)), shownSql_(sql) {
+    std::string adapted = db_->adapt(sql);
+    size_t from = findTopLevelFrom(adapted);
+    if (from == std::string::npos) notUpdatable("no FROM clause");
+    if (!readsOneTable(adapted)) notUpdatable("it is not a SELECT on one table");
+    const SelectShape& shape = db_->shapeOf(adapted, sql);
+    if (shape.tableOid == 0) notUpdatable("it is not a SELECT on one table");
+    table_ = &db_->tableInfo(shape.tableOid);
+    // The position comes last so that positional ORDER BY terms keep meaning.
+    select_ = adapted;
+    select_.insert(from, ", ctid AS " + quoteIdentifier(kCtidName) + " ");
+    for (size_t i = 0; i < shape.fieldNames.size(); ++i) names_.add(displayName(shape.fieldNames[i], sql));
+    columns_ = shape.columns;
+    pendingValues_.resize(columns_.size());
+    pendingSet_.assign(columns_.size(), 0);
+  }
+
+  bool eof() override {
+    checkOpen();
+    if (onAdded_) return false;
+    if (pastEnd_) return true;
+    load();
+    return pos_ >= rows_.size();
+  }
+
+  void moveNext() override {
+    checkOpen();
+    if (mode_ != Mode::None) update();
+    if (onAdded_) {
+      onAdded_ = false;
+      pastEnd_ = true;
+      return;
+    }
+    if (pastEnd_) throwNoCurrentRow();
+    load();
+    if (pos_ >= rows_.size()) throwNoCurrentRow();
+    ++pos_;
+  }
+
+  int fieldCount() override {
+    checkOpen();
+    return names_.size();
+  }
+
+  std::string fieldName(int index) override {
+    checkOpen();
+    names_.checkIndex(index);
+    return names_.name(index);
+  }
+
+  const Value& field(int index) override {
+    checkOpen();
+    names_.checkIndex(index);
+    return valueAt(static_cast<size_t>(index));
+  }
+
+  const Value& field(std::string_view name) override {
+    checkOpen();
+    return valueAt(static_cast<size_t>(names_.require(name)));
+  }
+
+  void close() override {
+    if (closed_) return;
+    cancelUpdate();
+    closed_ = true;
+    rows_.clear();
+  }
+
+  void addNew() override {
+    checkOpen();
+    if (mode_ != Mode::None) update();
+    mode_ = Mode::Adding;
+    for (Value& v : pendingValues_) v = Value();
+    std::fill(pendingSet_.begin(), pendingSet_.end(), 0);
+  }
+
+  void addNew(const std::vector<std::string>& fields, const std::vector<Value>& values) override {
+    checkOpen();
+    if (fields.size() != values.size()) {
+      throwRecordsetError(memory::kErrBadArguments, "addNew: " + std::to_string(fields.size()) + " fields but " +
+                                                        std::to_string(values.size()) + " values");
+    }
+    std::vector<int> indexes;
+    indexes.reserve(fields.size());
+    for (const std::string& f : fields) indexes.push_back(writableField(f));
+    addNew();
+    for (size_t i = 0; i < indexes.size(); ++i) setPending(static_cast<size_t>(indexes[i]), values[i]);
+    update();
+  }
+
+  void setField(std::string_view name, Value value) override {
+    checkOpen();
+    int index = writableField(name);
+    if (mode_ == Mode::None) {
+      currentRow();
+      mode_ = Mode::Editing;
+      std::fill(pendingSet_.begin(), pendingSet_.end(), 0);
+    }
+    setPending(static_cast<size_t>(index), std::move(value));
+  }
+
+  void update() override {
+    checkOpen();
+    if (mode_ == Mode::Adding) {
+      insertPending();
+    } else if (mode_ == Mode::Editing) {
+      updatePending();
+    }
+  }
+
+  void cancelUpdate() override {
+    mode_ = Mode::None;
+    std::fill(pendingSet_.begin(), pendingSet_.end(), 0);
+  }
+
+  void deleteCurrent() override {
+    checkOpen();
+    if (mode_ == Mode::Adding) {
+      cancelUpdate();
+      return;
+    }
+    cancelUpdate();
+    Row& row = currentRow();
+    db_->runPrepared("DELETE FROM " + quoteIdentifier(table_->name) + " WHERE ctid = $1::tid", {row.ctid});
+    row.deleted = true;
+  }
+
+ private:
+  enum class Mode { None, Adding, Editing };
+
+  [[noreturn]] void notUpdatable(const std::string& why) {
+    std::string m = "The query cannot be opened for update: " + why;
+    db_->fail(DbError(memory::kErrNotSupported, kSource, m + "; statement: " + shownSql_, memory::kErrNotSupported, m));
+  }
+
+  void checkOpen() const {
+    if (closed_) throwClosed();
+  }
+
+  int writableField(std::string_view name) {
+    int index = names_.require(name);
+    if (columns_[static_cast<size_t>(index)].empty()) {
+      throwRecordsetError(memory::kErrNotSupported,
+                          "The field '" + std::string(name) + "' is not a column and cannot be set");
+    }
+    return index;
+  }
+
+  void setPending(size_t index, Value value) {
+    pendingValues_[index] = std::move(value);
+    pendingSet_[index] = 1;
+  }
+
+  void load() {
+    if (loaded_) return;
+    Result r = db_->run(select_, {}, shownSql_);
+    const int n = PQntuples(r.get());
+    const int fields = static_cast<int>(columns_.size());
+    rows_.reserve(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) {
+      Row row;
+      row.values.reserve(columns_.size());
+      for (int f = 0; f < fields; ++f) row.values.push_back(fieldValue(r.get(), i, f));
+      row.ctid = PQgetvalue(r.get(), i, fields);
+      rows_.push_back(std::move(row));
+    }
+    loaded_ = true;
+    pos_ = 0;
+  }
+
+  Row& currentRow() {
+    if (onAdded_) return added_;
+    if (pastEnd_) throwNoCurrentRow();
+    load();
+    if (pos_ >= rows_.size() || rows_[pos_].deleted) throwNoCurrentRow();
+    return rows_[pos_];
+  }
+
+  const Value& valueAt(size_t index) {
+    if (mode_ == Mode::Adding) return pendingValues_[index];
+    if (mode_ == Mode::Editing && pendingSet_[index]) return pendingValues_[index];
+    return currentRow().values[index];
+  }
+
+  void insertPending() {
+    std::vector<std::string> columns;
+    std::vector<Param> values;
+    for (size_t i = 0; i < columns_.size(); ++i) {
+      if (!pendingSet_[i]) continue;
+      if (std::find(columns.begin(), columns.end(), columns_[i]) != columns.end()) continue;
+      columns.push_back(columns_[i]);
+      values.push_back(toParam(pendingValues_[i]));
+    }
+    added_.values.swap(pendingValues_);
+    added_.deleted = false;
+    added_.ctid.clear();
+    const std::string& identity = table_->identityColumn;
+    const bool idGiven = !identity.empty() && std::find(columns.begin(), columns.end(), identity) != columns.end();
+    std::string sql = "INSERT INTO " + quoteIdentifier(table_->name);
+    if (columns.empty()) {
+      sql += " DEFAULT VALUES";
+    } else {
+      std::string marks;
+      sql += " (";
+      for (size_t c = 0; c < columns.size(); ++c) {
+        sql += (c ? ", " : "") + quoteIdentifier(columns[c]);
+        marks += (c ? ", $" : "$") + std::to_string(c + 1);
+      }
+      sql += ") VALUES (" + marks + ")";
+    }
+    sql += " RETURNING ctid";
+    for (const std::string& c : columns_) sql += ", " + (c.empty() ? std::string("NULL") : quoteIdentifier(c));
+    Result r;
+    try {
+      r = db_->runPrepared(sql, values);
+    } catch (...) {
+      // The pending row stays for the caller.
+      pendingValues_.swap(added_.values);
+      throw;
+    }
+    added_.ctid = PQgetvalue(r.get(), 0, 0);
+    if (idGiven) db_->autonumberGiven(table_->name);
+    for (size_t i = 0; i < columns_.size(); ++i) {
+      if (!columns_[i].empty()) added_.values[i] = fieldValue(r.get(), 0, static_cast<int>(i) + 1);
+    }
+    pendingValues_.assign(columns_.size(), Value());
+    onAdded_ = true;
+    mode_ = Mode::None;
+  }
+
+  void updatePending() {
+    Row& row = currentRow();
+    if (std::find(pendingSet_.begin(), pendingSet_.end(), 1) != pendingSet_.end()) {
+      std::string sql = "UPDATE " + quoteIdentifier(table_->name) + " SET ";
+      std::vector<Param> params;
+      std::vector<std::string> done;
+      for (size_t i = 0; i < columns_.size(); ++i) {
+        if (!pendingSet_[i] || std::find(done.begin(), done.end(), columns_[i]) != done.end()) continue;
+        done.push_back(columns_[i]);
+        params.push_back(toParam(pendingValues_[i]));
+        sql += (params.size() > 1 ? ", " : "") + quoteIdentifier(columns_[i]) + " = $" +
+               std::to_string(params.size());
+      }
+      params.push_back(row.ctid);
+      sql += " WHERE ctid = $" + std::to_string(params.size()) + "::tid RETURNING ctid";
+      Result r = db_->runPrepared(sql, params);
+      if (PQntuples(r.get()) == 1) row.ctid = PQgetvalue(r.get(), 0, 0);
+      for (size_t i = 0; i < columns_.size(); ++i) {
+        if (pendingSet_[i]) row.values[i] = std::move(pendingValues_[i]);
+      }
+    }
+    cancelUpdate();
+  }
+
+  std::shared_ptr<Database> db_;
+  std::string shownSql_;
+  std::string select_;
+  const TableInfo* table_ = nullptr;
+  FieldNames names_;
+  std::vector<std::string> columns_;
+
+  bool loaded_ = false;
+  std::vector<Row> rows_;
+  size_t pos_ = 0;
+  bool pastEnd_ = false;
+  Row added_;
+  bool onAdded_ = false;
+
+  Mode mode_ = Mode::None;
+  std::vector<Value> pendingValues_;
+  std::vector<char> pendingSet_;
+  bool closed_ = false;
+};
+
+}  // namespace
+
+std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql) {
+  return std::make_unique<ForwardRecordset>(std::move(db), std::move(r), sql);
+}
+
+std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database>, Result r, std::string_view sql) {
+  const PGresult* res = r.get();
+  const int fields = PQnfields(res);
+  const int rows = PQntuples(res);
+  int row = 0;
+  return memory::makeClientRecordset(namesOf(res, sql, fields), [&](Value* out) {
+    if (row >= rows) return false;
+    for (int f = 0; f < fields; ++f) out[f] = fieldValue(res, row, f);
+    ++row;
+    return true;
+  });
+}
+
+std::unique_ptr<UpdatableRecordset> makeUpdatableRecordset(std::shared_ptr<Database> db, std::string_view sql) {
+  return std::make_unique<UpdatableRecordsetImpl>(std::move(db), sql);
+}
+
+}  // namespace kavrel::db::postgres

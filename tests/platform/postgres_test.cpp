@@ -1,0 +1,191 @@
+// What only the server engine has: connection strings and passwords, the
+// schema generated from the one schema text, and the name rule in SQL.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <map>
+#include <set>
+#include <tuple>
+
+#include "kavrel/platform/names.h"
+#include "platform/postgres/pg_backend.h"
+#include "support/checks.h"
+#include "support/engines.h"
+#include "support/temp_db.h"
+
+namespace kavrel::test {
+namespace {
+
+// host= and user= of the test server's URI (its query part).
+std::string queryValue(const std::string& uri, const std::string& key) {
+  size_t at = uri.find(key + "=");
+  if (at == std::string::npos) return {};
+  size_t end = uri.find('&', at);
+  return uri.substr(at + key.size() + 1, (end == std::string::npos ? uri.size() : end) - at - key.size() - 1);
+}
+
+std::string databaseOf(const std::string& uri) {
+  size_t path = uri.find('/', uri.find("://") + 3);
+  return uri.substr(path + 1, uri.find('?') - path - 1);
+}
+
+TEST(PostgresConnection, UriKeyValueAndDataLinkFormsOpenAndPasswordsAreNeverShown) {
+  TempDb db(Engine::PostgreSQL);
+  const std::string host = queryValue(db.path(), "host"), user = queryValue(db.path(), "user"),
+                    name = databaseOf(db.path());
+  if (host.empty() || user.empty()) GTEST_SKIP() << "the test server is not named by host= and user=";
+  auto version = [](const std::string& cs) {
+    return db::openConnection(cs)->execute("SELECT [value] FROM [system]")->field(0).toText();
+  };
+  EXPECT_EQ(version(db.path()), "4");
+  EXPECT_EQ(version("Provider=PostgreSQL;Host=" + host + ";Database=" + name + ";User ID=" + user), "4");
+  EXPECT_EQ(version("provider=postgres; server = " + host + " ; Initial Catalog='" + name + "';user=" + user), "4");
+  TempDir dir;
+  std::string link = "[oledb]\r\n; kept for the old tools\r\nProvider=PostgreSQL;Host=" + host + ";Database=" + name +
+                     ";User ID=" + user + "\r\n";
+  std::string utf16 = "\xFF\xFE";
+  for (char c : link) utf16 += std::string{c, '\0'};
+  writeBytes(dir.file("server.udl"), utf16);
+  EXPECT_EQ(version("File name=" + dir.file("server.udl")), "4");
+  // A password in any form stays out of every message.
+  for (const std::string& cs :
+       {"postgresql://" + user + ":S3cret-pw@/no_such_db?host=" + host,
+        "postgresql:///no_such_db?host=" + host + "&user=" + user + "&password=S3cret-pw",
+        "Provider=PostgreSQL;Host=" + host + ";Database=no_such_db;User ID=" + user + ";Password=S3cret-pw"}) {
+    const Error e = thrownBy([&] { db::openConnection(cs); });
+    EXPECT_EQ(e.number(), 14);
+    EXPECT_TRUE(contains(e.description(), "no_such_db"));
+    EXPECT_FALSE(contains(e.description(), "S3cret")) << e.description();
+  }
+  EXPECT_EQ(db::postgres::redact("postgresql://u:pw@h/d"), "postgresql://u@h/d");
+  // init needs an empty database: one with tables is refused, untouched.
+  EXPECT_EQ(thrownBy([&] { db::createDatabase(db.path()); }).number(), 58);
+  EXPECT_EQ(version(db.path()), "4");
+}
+
+// The tables, columns, types, keys, relations and cascades of a database,
+// as its engine's catalog tells them (names folded to lower case).
+struct Layout {
+  std::map<std::string, std::vector<std::string>> columns;  // table -> "name type notnull"
+  std::set<std::string> keys;       // "table: primary|unique (cols)"
+  std::set<std::string> relations;  // "table (cols) -> table (cols) delete update"
+};
+
+std::string lower(std::string s) {
+  for (char& ch : s) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+  return s;  // ASCII is enough: the schema's non-ASCII letters are all small
+}
+
+Layout sqliteLayout(db::Connection& c) {
+  Layout l;
+  auto tables = c.execute("SELECT name FROM sqlite_master WHERE type='table' AND name NOT LIKE 'sqlite%' ORDER BY name");
+  std::vector<std::string> names;
+  for (; !tables->eof(); tables->moveNext()) names.push_back(tables->field(0).toText());
+  for (const std::string& t : names) {
+    std::vector<std::pair<int, std::string>> pk;
+    for (auto rs = c.execute("PRAGMA table_info(\"" + t + "\")"); !rs->eof(); rs->moveNext()) {
+      std::string type = lower(rs->field("type").toText());
+      type = type == "integer" ? "bigint" : type == "real" ? "double precision" : type;
+      l.columns[lower(t)].push_back(lower(rs->field("name").toText()) + " " + type + " " +
+                                    (rs->field("notnull").toInt32() || rs->field("pk").toInt32() ? "1" : "0"));
+      if (rs->field("pk").toInt32()) pk.emplace_back(rs->field("pk").toInt32(), lower(rs->field("name").toText()));
+    }
+    std::sort(pk.begin(), pk.end());
+    std::string cols;
+    for (auto& [n, col] : pk) cols += (cols.empty() ? "" : ",") + col;
+    if (!cols.empty()) l.keys.insert(lower(t) + ": (" + cols + ")");
+    for (auto ix = c.execute("PRAGMA index_list(\"" + t + "\")"); !ix->eof(); ix->moveNext()) {
+      if (!ix->field("unique").toInt32() || ix->field("origin").toText() == "pk") continue;
+      std::string ucols;
+      for (auto ic = c.execute("PRAGMA index_info(\"" + ix->field("name").toText() + "\")"); !ic->eof(); ic->moveNext())
+        ucols += (ucols.empty() ? "" : ",") + lower(ic->field("name").toText());
+      l.keys.insert(lower(t) + ": (" + ucols + ")");
+    }
+    std::map<int, std::string> fks;
+    for (auto fk = c.execute("PRAGMA foreign_key_list(\"" + t + "\")"); !fk->eof(); fk->moveNext()) {
+      std::string& f = fks[fk->field("id").toInt32()];
+      if (f.empty()) {
+        f = lower(fk->field("table").toText()) + "|" + lower(fk->field("on_delete").toText()) + " " +
+            lower(fk->field("on_update").toText()) + "|";
+      }
+      f += lower(fk->field("from").toText()) + ">" + lower(fk->field("to").toText()) + ",";
+    }
+    for (auto& [id, f] : fks) l.relations.insert(lower(t) + "->" + f);
+  }
+  return l;
+}
+
+Layout serverLayout(db::Connection& c) {
+  Layout l;
+  for (auto rs = c.execute("SELECT table_name, column_name, data_type, is_nullable FROM information_schema.columns "
+                           "WHERE table_schema = current_schema() ORDER BY table_name, ordinal_position");
+       !rs->eof(); rs->moveNext()) {
+    l.columns[rs->field(0).toText()].push_back(rs->field(1).toText() + " " + rs->field(2).toText() + " " +
+                                               (rs->field(3).toText() == "NO" ? "1" : "0"));
+  }
+  // Keys and relations, columns in their order in the constraint.
+  for (auto rs = c.execute(
+           "SELECT k.contype, t.relname, (SELECT string_agg(a.attname, ',' ORDER BY u.i) FROM unnest(k.conkey) WITH "
+           "ORDINALITY u(n, i) JOIN pg_attribute a ON a.attrelid = k.conrelid AND a.attnum = u.n), r.relname, "
+           "(SELECT string_agg(a.attname || '>' || b.attname, ',' ORDER BY u.i) FROM unnest(k.conkey, k.confkey) "
+           "WITH ORDINALITY u(n, m, i) JOIN pg_attribute a ON a.attrelid = k.conrelid AND a.attnum = u.n "
+           "JOIN pg_attribute b ON b.attrelid = k.confrelid AND b.attnum = u.m), k.confdeltype, k.confupdtype "
+           "FROM pg_constraint k JOIN pg_class t ON t.oid = k.conrelid LEFT JOIN pg_class r ON r.oid = k.confrelid "
+           "WHERE t.relnamespace = current_schema()::regnamespace AND k.contype IN ('p', 'u', 'f')");
+       !rs->eof(); rs->moveNext()) {
+    const std::string type = rs->field(0).toText(), table = rs->field(1).toText();
+    if (type != "f") {
+      l.keys.insert(table + ": (" + rs->field(2).toText() + ")");
+      continue;
+    }
+    auto action = [](const std::string& a) {
+      return a == "c" ? "cascade" : a == "a" ? "no action" : a == "r" ? "restrict" : a == "n" ? "set null" : "set default";
+    };
+    l.relations.insert(table + "->" + rs->field(3).toText() + "|" + action(rs->field(5).toText()) + " " +
+                       action(rs->field(6).toText()) + "|" + rs->field(4).toText() + ",");
+  }
+  return l;
+}
+
+TEST(PostgresSchema, TheGeneratedSchemaHasTheSameTablesColumnsTypesKeysRelationsAndCascades) {
+  TempDb file(Engine::SQLite), server(Engine::PostgreSQL);
+  const Layout a = sqliteLayout(*file.connection()), b = serverLayout(*server.connection());
+  EXPECT_EQ(a.columns, b.columns);
+  EXPECT_EQ(a.keys, b.keys);
+  EXPECT_EQ(a.relations, b.relations);
+  EXPECT_GT(a.relations.size(), 30u);  // the comparison saw the schema
+  // The same version row.
+  EXPECT_EQ(joinedRows(*server.connection(), "SELECT [parameter] || '=' || [value] FROM [system]"),
+            joinedRows(*file.connection(), "SELECT [parameter] || '=' || [value] FROM [system]"));
+}
+
+TEST(PostgresNames, NameColumnsCompareAndSortByTheNameRule) {
+  TempDb db(Engine::PostgreSQL);
+  auto c = db.connection();
+  c->execute("INSERT INTO Cibles (Address, [Target Name]) VALUES (1, 'T')");
+  const std::vector<std::string> names = {"Vitesse", "éclairage", "Eclairage", "Zèbre", "eclairage2", "Moteur",
+                                          "Moteur\t", "ÉCLAIRAGE B", "a", "B", "œuf", "Straße"};
+  for (const auto& n : names) {
+    c->execute("INSERT INTO Données ([Target Id], [Data Name]) VALUES (1, " + db::sql::quote(n) + ")");
+  }
+  // Equal but for letter case: refused as the same name; an accent or a
+  // trailing tab makes another name.
+  EXPECT_EQ(thrownBy([&] { c->execute("INSERT INTO Données ([Target Id], [Data Name]) VALUES (1, 'VITESSE')"); })
+                .number(),
+            2067);
+  EXPECT_EQ(c->execute("SELECT count(*) FROM Données WHERE [Data Name]='ÉCLAIRAGE'")->field(0).toInt32(), 1);
+  EXPECT_EQ(c->execute("SELECT count(*) FROM Données WHERE [Data Name]='moteur'")->field(0).toInt32(), 1);
+  // ORDER BY gives the library's order.
+  std::vector<std::string> expected = names;
+  std::sort(expected.begin(), expected.end(), [](const std::string& x, const std::string& y) {
+    return names::compare(x, y) < 0;
+  });
+  std::vector<std::string> got;
+  for (auto rs = c->execute("SELECT [Data Name] FROM Données ORDER BY [Data Name]"); !rs->eof(); rs->moveNext())
+    got.push_back(rs->field(0).toText());
+  EXPECT_EQ(got, expected);
+}
+
+}  // namespace
+}  // namespace kavrel::test
