@@ -35,61 +35,7 @@ bool onlyBlanksOrSemicolons(const char* p, const char* end) {
   return true;
 }
 
-// Trims blanks and one pair of enclosing brackets.
-std::string_view bareName(std::string_view name) {
-  auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
-  while (!name.empty() && isBlank(name.front())) name.remove_prefix(1);
-  while (!name.empty() && isBlank(name.back())) name.remove_suffix(1);
-  if (name.size() >= 2 && name.front() == '[' && name.back() == ']') name = name.substr(1, name.size() - 2);
-  return name;
-}
-
-// Latin-1 supplement capitals U+00C0..U+00DE (but not U+00D7) are encoded
-// C3 80..C3 9E; their small letters are 0x20 further in the second byte.
-bool isLatin1CapitalTail(unsigned char c) { return c >= 0x80 && c <= 0x9E && c != 0x97; }
-
-// Compares an already folded name with a raw one, folding on the fly: no
-// allocation, since field lookups run once per value of a bulk insert.
-bool foldedEquals(std::string_view folded, std::string_view raw) {
-  if (folded.size() != raw.size()) return false;  // folding keeps byte lengths
-  for (size_t i = 0; i < raw.size(); ++i) {
-    auto c = static_cast<unsigned char>(raw[i]);
-    if (c >= 'A' && c <= 'Z') {
-      c = static_cast<unsigned char>(c + 32);
-    } else if (c == 0xC3 && i + 1 < raw.size()) {
-      auto n = static_cast<unsigned char>(raw[i + 1]);
-      if (isLatin1CapitalTail(n)) n = static_cast<unsigned char>(n + 0x20);
-      if (static_cast<unsigned char>(folded[i]) != 0xC3 || static_cast<unsigned char>(folded[i + 1]) != n) {
-        return false;
-      }
-      ++i;
-      continue;
-    }
-    if (static_cast<unsigned char>(folded[i]) != c) return false;
-  }
-  return true;
-}
-
 }  // namespace
-
-void throwRecordsetError(int32_t number, std::string description) {
-  throw DbError(number, kRecordsetSource, description, 0, description);
-}
-
-void throwNoCurrentRow() {
-  throwRecordsetError(kErrNoCurrentRow,
-                      "Either BOF or EOF is True, or the current record has been deleted. Requested operation "
-                      "requires a current record.");
-}
-
-void throwItemNotFound(std::string_view name) {
-  std::string d = "Item cannot be found in the collection corresponding to the requested name or ordinal.";
-  throw DbError(kErrItemNotFound, kRecordsetSource, d, 0, d + " (" + std::string(name) + ")");
-}
-
-void throwClosed() {
-  throwRecordsetError(kErrObjectClosed, "Operation is not allowed when the object is closed.");
-}
 
 // --- Statement ---------------------------------------------------------------
 
@@ -318,44 +264,6 @@ Value columnValue(sqlite3_stmt* stmt, int column) {
       return Value(std::string(reinterpret_cast<const char*>(t), static_cast<size_t>(n)));
     }
   }
-}
-
-std::string foldName(std::string_view name) {
-  std::string out(bareName(name));
-  for (size_t i = 0; i < out.size(); ++i) {
-    auto c = static_cast<unsigned char>(out[i]);
-    if (c >= 'A' && c <= 'Z') {
-      out[i] = static_cast<char>(c + 32);
-    } else if (c == 0xC3 && i + 1 < out.size()) {
-      auto n = static_cast<unsigned char>(out[i + 1]);
-      if (isLatin1CapitalTail(n)) out[i + 1] = static_cast<char>(n + 0x20);
-      ++i;
-    }
-  }
-  return out;
-}
-
-void FieldNames::add(std::string name) {
-  folded_.push_back(foldName(name));
-  names_.push_back(std::move(name));
-}
-
-int FieldNames::find(std::string_view name) const {
-  std::string_view bare = bareName(name);
-  for (size_t i = 0; i < folded_.size(); ++i) {
-    if (foldedEquals(folded_[i], bare)) return static_cast<int>(i);
-  }
-  return -1;
-}
-
-int FieldNames::require(std::string_view name) const {
-  int i = find(name);
-  if (i < 0) throwItemNotFound(name);
-  return i;
-}
-
-void FieldNames::checkIndex(int index) const {
-  if (index < 0 || index >= size()) throwItemNotFound(std::to_string(index));
 }
 
 }  // namespace kavrel::db::sqlite

@@ -14,24 +14,25 @@
 #include <vector>
 
 #include "kavrel/platform/db.h"
+#include "platform/memory_recordset.h"
 
 namespace kavrel::db::sqlite {
 
 inline constexpr const char* kSource = "SQLite";
-inline constexpr const char* kRecordsetSource = "Recordset";
-
-// Numbers of the legacy data-access layer, for failures of the result sets
-// themselves (not of the engine).
-inline constexpr int32_t kErrNoCurrentRow = 3021;
-inline constexpr int32_t kErrBadArguments = 3001;
-inline constexpr int32_t kErrNotSupported = 3251;
-inline constexpr int32_t kErrItemNotFound = 3265;
-inline constexpr int32_t kErrObjectClosed = 3704;
-
-[[noreturn]] void throwNoCurrentRow();
-[[noreturn]] void throwItemNotFound(std::string_view name);
-[[noreturn]] void throwClosed();
-[[noreturn]] void throwRecordsetError(int32_t number, std::string description);
+// Field names and the result sets' own failures (numbers of the legacy
+// data-access layer) are the engine-neutral ones.
+using memory::FieldNames;
+using memory::foldName;
+using memory::kErrBadArguments;
+using memory::kErrItemNotFound;
+using memory::kErrNoCurrentRow;
+using memory::kErrNotSupported;
+using memory::kErrObjectClosed;
+using memory::kRecordsetSource;
+using memory::throwClosed;
+using memory::throwItemNotFound;
+using memory::throwNoCurrentRow;
+using memory::throwRecordsetError;
 
 class Database;
 
@@ -132,25 +133,6 @@ class Database {
 
 // The engine's value of a result column.
 Value columnValue(sqlite3_stmt* stmt, int column);
-
-// Field names: matched without letter case (ASCII and Latin-1 capitals) and
-// without enclosing brackets or blanks.
-std::string foldName(std::string_view name);
-class FieldNames {
- public:
-  void add(std::string name);
-  int size() const { return static_cast<int>(names_.size()); }
-  const std::string& name(int i) const { return names_[static_cast<size_t>(i)]; }
-  // -1 when no field has that name; the first of equal names wins.
-  int find(std::string_view name) const;
-  // As find(), but throws error 3265 for an unknown name.
-  int require(std::string_view name) const;
-  void checkIndex(int index) const;
-
- private:
-  std::vector<std::string> names_;
-  std::vector<std::string> folded_;
-};
 
 // Dialect: what the legacy SQL texts need to run here. "DELETE * FROM" (any
 // case and blanks) becomes "DELETE FROM"; the rest is taken as it stands.

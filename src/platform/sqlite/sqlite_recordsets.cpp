@@ -1,5 +1,6 @@
-// Read-only result sets: the forward-only one of execute() and the
-// client-side one that can be filtered any number of times.
+// Read-only result sets: the forward-only one of execute(), and the rows of
+// the client-side one (which the engine-neutral in-memory result set holds
+// and filters).
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -8,6 +9,7 @@
 #include <unordered_map>
 
 #include "kavrel/platform/names.h"
+#include "platform/memory_recordset.h"
 #include "platform/sqlite/sqlite_internal.h"
 
 namespace kavrel::db::sqlite {
@@ -113,317 +115,6 @@ class ForwardRecordset final : public Recordset {
   bool closed_ = false;
 };
 
-// --- filter keys ---------------------------------------------------------------
-// Values are indexed by a key text: "n" for Null, "i" + the 8 bytes of an
-// integer (also for a real without fraction, so 12 and 12.0 match), "r" + the
-// 8 bytes of any other real, "t" + the name key of a text (so texts match
-// by the name rule: "Lecture" finds "LECTURE", "e" does not find "é").
-
-std::string integerKey(int64_t v) {
-  std::string k(9, 'i');
-  std::memcpy(k.data() + 1, &v, sizeof v);
-  return k;
-}
-
-std::string realKey(double d) {
-  if (std::isfinite(d) && d == std::trunc(d) && d >= -9.2e18 && d <= 9.2e18) {
-    return integerKey(static_cast<int64_t>(d));
-  }
-  std::string k(9, 'r');
-  std::memcpy(k.data() + 1, &d, sizeof d);
-  return k;
-}
-
-std::string textKey(std::string_view t) {
-  std::string k = "t";
-  k.append(names::key(t));
-  return k;
-}
-
-// The key of a value, written into `key` (a buffer reused from row to row:
-// indexing a column then allocates only for the keys it keeps).
-void setValueKey(std::string& key, const Value& v) {
-  switch (v.type()) {
-    case Value::Type::Null: key = "n"; return;
-    case Value::Type::Integer: key = integerKey(v.rawInteger()); return;
-    case Value::Type::Real: key = realKey(v.rawReal()); return;
-    case Value::Type::Text:
-      key.assign(1, 't');
-      key.append(names::key(v.rawText()));
-      return;
-  }
-  key = "n";
-}
-
-// The key of a number written in a filter or held by a text, or empty when
-// the text is not a plain decimal number.
-std::string numberKey(std::string_view s) {
-  if (s.empty()) return {};
-  std::string_view digits = s;
-  bool negative = false;
-  if (digits.front() == '-' || digits.front() == '+') {
-    negative = digits.front() == '-';
-    digits.remove_prefix(1);
-  }
-  if (digits.empty() || !(std::isdigit(static_cast<unsigned char>(digits.front())) || digits.front() == '.')) {
-    return {};
-  }
-  int64_t i = 0;
-  auto [p, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), i);
-  if (ec == std::errc() && p == digits.data() + digits.size()) return integerKey(negative ? -i : i);
-  double d = 0;
-  auto [q, ec2] = std::from_chars(digits.data(), digits.data() + digits.size(), d);
-  if (ec2 != std::errc() || q != digits.data() + digits.size()) return {};
-  return realKey(negative ? -d : d);
-}
-
-struct FilterTerm {
-  std::string column;
-  std::vector<std::string> keys;  // a row matches any of them
-};
-
-[[noreturn]] void badFilter(std::string_view expression, std::string_view why) {
-  throwRecordsetError(kErrBadArguments, "Invalid filter '" + std::string(expression) + "': " + std::string(why) +
-                                            " (expected [Column]='text' or [Column]=number, joined by AND)");
-}
-
-bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
-
-// Parses "[A]='x' AND B=12 AND [C]=Null".
-std::vector<FilterTerm> parseFilter(std::string_view e) {
-  std::vector<FilterTerm> terms;
-  size_t i = 0;
-  auto skip = [&] {
-    while (i < e.size() && isBlank(e[i])) ++i;
-  };
-  for (;;) {
-    FilterTerm term;
-    skip();
-    if (i < e.size() && e[i] == '[') {
-      size_t close = e.find(']', i);
-      if (close == std::string_view::npos) badFilter(e, "unclosed bracket");
-      term.column = std::string(e.substr(i + 1, close - i - 1));
-      i = close + 1;
-    } else {
-      size_t start = i;
-      while (i < e.size() && e[i] != '=' && e[i] != '\'' && e[i] != '<' && e[i] != '>') ++i;
-      std::string_view name = e.substr(start, i - start);
-      while (!name.empty() && isBlank(name.back())) name.remove_suffix(1);
-      term.column = std::string(name);
-    }
-    if (term.column.empty()) badFilter(e, "no column name");
-    skip();
-    if (i >= e.size() || e[i] != '=') badFilter(e, "only equality is supported");
-    ++i;
-    skip();
-    if (i < e.size() && e[i] == '\'') {
-      std::string text;
-      size_t k = i + 1;
-      for (;; ++k) {
-        if (k >= e.size()) badFilter(e, "unclosed quote");
-        if (e[k] == '\'') {
-          if (k + 1 < e.size() && e[k + 1] == '\'') {
-            text += '\'';
-            ++k;
-            continue;
-          }
-          break;
-        }
-        text += e[k];
-      }
-      i = k + 1;
-      term.keys.push_back(textKey(text));
-      // A number written as text also finds the number.
-      std::string n = numberKey(text);
-      if (!n.empty()) term.keys.push_back(std::move(n));
-    } else {
-      size_t start = i;
-      while (i < e.size() && !isBlank(e[i])) ++i;
-      std::string_view literal = e.substr(start, i - start);
-      std::string lowered;
-      for (char c : literal) lowered += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-      if (lowered == "null") {
-        term.keys.push_back("n");
-      } else {
-        std::string n = numberKey(literal);
-        if (n.empty()) badFilter(e, "a value must be a quoted text or a number");
-        term.keys.push_back(std::move(n));
-        term.keys.push_back(textKey(literal));  // a text column holding the number
-      }
-    }
-    terms.push_back(std::move(term));
-    skip();
-    if (i >= e.size()) break;
-    if (i + 3 <= e.size() && std::tolower(static_cast<unsigned char>(e[i])) == 'a' &&
-        std::tolower(static_cast<unsigned char>(e[i + 1])) == 'n' &&
-        std::tolower(static_cast<unsigned char>(e[i + 2])) == 'd' && i + 3 < e.size() && isBlank(e[i + 3])) {
-      i += 3;
-      continue;
-    }
-    badFilter(e, "terms must be joined by AND");
-  }
-  return terms;
-}
-
-std::vector<uint32_t> mergeSorted(const std::vector<uint32_t>& a, const std::vector<uint32_t>& b) {
-  std::vector<uint32_t> out;
-  out.reserve(a.size() + b.size());
-  std::set_union(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(out));
-  return out;
-}
-
-std::vector<uint32_t> intersectSorted(const std::vector<uint32_t>& a, const std::vector<uint32_t>& b) {
-  std::vector<uint32_t> out;
-  std::set_intersection(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(out));
-  return out;
-}
-
-class ClientRecordsetImpl final : public ClientRecordset {
- public:
-  ClientRecordsetImpl(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt)
-      : names_(columnNames(stmt->get())) {
-    // Everything is read at once; the statement (and its read lock) goes.
-    // Rows are stored in blocks of a few hundred (no allocation per row: a
-    // whole target's positions or list entries are read this way, and no
-    // huge array to grow either).
-    const auto n = static_cast<size_t>(names_.size());
-    rowsPerBlock_ = std::max<size_t>(1, kBlockBytes / (std::max<size_t>(1, n) * sizeof(Value)));
-    while (step(*db, *stmt)) {
-      sqlite3_stmt* s = stmt->get();
-      if (rowCount_ % rowsPerBlock_ == 0) blocks_.push_back(std::make_unique<Value[]>(rowsPerBlock_ * n));
-      Value* out = blocks_.back().get() + (rowCount_ % rowsPerBlock_) * n;
-      for (size_t i = 0; i < n; ++i) out[i] = columnValue(s, static_cast<int>(i));
-      ++rowCount_;
-    }
-    indexes_.resize(n);
-  }
-
-  bool eof() override {
-    checkOpen();
-    return pos_ >= visibleCount();
-  }
-
-  void moveNext() override {
-    checkOpen();
-    if (pos_ >= visibleCount()) throwNoCurrentRow();
-    ++pos_;
-  }
-
-  int fieldCount() override {
-    checkOpen();
-    return names_.size();
-  }
-
-  std::string fieldName(int index) override {
-    checkOpen();
-    names_.checkIndex(index);
-    return names_.name(index);
-  }
-
-  const Value& field(int index) override {
-    checkOpen();
-    names_.checkIndex(index);
-    return current()[static_cast<size_t>(index)];
-  }
-
-  const Value& field(std::string_view name) override {
-    checkOpen();
-    int index = names_.require(name);
-    return current()[static_cast<size_t>(index)];
-  }
-
-  void close() override {
-    closed_ = true;
-    blocks_.clear();
-    rowCount_ = 0;
-    indexes_.clear();
-    visible_.clear();
-  }
-
-  void filter(std::string_view expression) override {
-    checkOpen();
-    pos_ = 0;
-    std::string_view trimmed = expression;
-    while (!trimmed.empty() && isBlank(trimmed.front())) trimmed.remove_prefix(1);
-    while (!trimmed.empty() && isBlank(trimmed.back())) trimmed.remove_suffix(1);
-    if (trimmed.empty()) {
-      filtered_ = false;
-      visible_.clear();
-      return;
-    }
-    std::vector<uint32_t> result;
-    bool first = true;
-    for (const FilterTerm& term : parseFilter(trimmed)) {
-      const Index& index = indexOf(names_.require(term.column));
-      std::vector<uint32_t> matches;
-      for (const std::string& key : term.keys) {
-        auto it = index.find(key);
-        if (it != index.end()) matches = matches.empty() ? it->second : mergeSorted(matches, it->second);
-      }
-      result = first ? std::move(matches) : intersectSorted(result, matches);
-      first = false;
-    }
-    filtered_ = true;
-    visible_ = std::move(result);
-  }
-
-  void moveFirst() override {
-    checkOpen();
-    pos_ = 0;
-  }
-
-  int64_t recordCount() override {
-    checkOpen();
-    return static_cast<int64_t>(visibleCount());
-  }
-
- private:
-  // Row numbers (ascending, so in query order) by value key.
-  using Index = std::unordered_map<std::string, std::vector<uint32_t>>;
-
-  void checkOpen() const {
-    if (closed_) throwClosed();
-  }
-
-  size_t visibleCount() const { return filtered_ ? visible_.size() : rowCount_; }
-
-  // The first value of row r.
-  const Value* row(size_t r) const {
-    return blocks_[r / rowsPerBlock_].get() + (r % rowsPerBlock_) * static_cast<size_t>(names_.size());
-  }
-
-  const Value* current() const {
-    if (pos_ >= visibleCount()) throwNoCurrentRow();
-    return row(filtered_ ? visible_[pos_] : pos_);
-  }
-
-  const Index& indexOf(int column) {
-    auto& slot = indexes_[static_cast<size_t>(column)];
-    if (!slot) {
-      slot = std::make_unique<Index>();
-      std::string key;
-      for (size_t r = 0; r < rowCount_; ++r) {
-        setValueKey(key, row(r)[column]);
-        auto it = slot->find(key);
-        if (it == slot->end()) it = slot->emplace(key, std::vector<uint32_t>()).first;
-        it->second.push_back(static_cast<uint32_t>(r));
-      }
-    }
-    return *slot;
-  }
-
-  FieldNames names_;
-  static constexpr size_t kBlockBytes = 64 * 1024;
-  std::vector<std::unique_ptr<Value[]>> blocks_;  // rowsPerBlock_ rows of names_.size() values each
-  size_t rowsPerBlock_ = 1;
-  size_t rowCount_ = 0;
-  std::vector<std::unique_ptr<Index>> indexes_;
-  bool filtered_ = false;
-  std::vector<uint32_t> visible_;
-  size_t pos_ = 0;
-  bool closed_ = false;
-};
-
 }  // namespace
 
 std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt) {
@@ -431,7 +122,15 @@ std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, st
 }
 
 std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database> db, std::unique_ptr<Statement> stmt) {
-  return std::make_unique<ClientRecordsetImpl>(std::move(db), std::move(stmt));
+  // Everything is read at once; the statement (and its read lock) goes.
+  FieldNames names = columnNames(stmt->get());
+  const int n = names.size();
+  return memory::makeClientRecordset(std::move(names), [&](Value* out) {
+    if (!step(*db, *stmt)) return false;
+    sqlite3_stmt* s = stmt->get();
+    for (int i = 0; i < n; ++i) out[i] = columnValue(s, i);
+    return true;
+  });
 }
 
 }  // namespace kavrel::db::sqlite
