@@ -161,7 +161,10 @@ int runLegacy(const fs::path& work, int repeat, bool markdown) {
     s->DbOpen(stored.string());
     s->importParametersFromXml(parameters);
     s->DbRead();
-    auto t = buildSyntheticTarget(*s, scaled(sizeS(), 10, "M"), s->functions()->Item(1)->Address());
+    // The file holds size M as it was generated before targets had screens.
+    SyntheticSize m = scaled(sizeS(), 10, "M");
+    m.categories = m.screens = m.labels = m.buttons = m.steps = m.displays = m.thresholds = 0;
+    auto t = buildSyntheticTarget(*s, m, s->functions()->Item(1)->Address());
     t->dbInsertTargetAll(*s->DbConnection());
     s->DbClose();
   }

@@ -1,5 +1,8 @@
 // Copies a definitions database table by table through the backend-neutral
-// interface only, so that either side may be any backend.
+// interface, so that either side may be any backend. Between two SQLite
+// databases of the same schema (a file, or the memory database a legacy file
+// is loaded into) the pages are copied whole instead: the same rows, without
+// inserting them one by one.
 #include <algorithm>
 #include <cctype>
 #include <set>
@@ -7,6 +10,8 @@
 #include <vector>
 
 #include "kavrel/platform/db.h"
+#include "platform/mdb/mdb_backend.h"
+#include "platform/sqlite/sqlite_backend.h"
 
 namespace kavrel::db {
 
@@ -81,6 +86,26 @@ std::vector<TableCopy> copyDatabase(Connection& source, Connection& destination,
                                     const std::function<void(const TableCopy&)>& progress) {
   const std::vector<std::string> tables = schemaTables();
   std::vector<TableCopy> result;
+  Connection* loaded = mdb::loadedDatabaseOf(source);
+  if (sqlite::copyWholeDatabase(loaded ? *loaded : source, destination)) {
+    for (const std::string& table : tables) {
+      TableCopy copy;
+      copy.table = table;
+      forTable(table, [&] {
+        const int64_t held = countRows(source, table);
+        const int64_t stored = countRows(destination, table);
+        if (held != stored) {
+          copyError("the source holds " + std::to_string(held) + " rows and the destination " +
+                    std::to_string(stored));
+        }
+        copy.rowsRead = held;
+        copy.rowsWritten = stored;
+      });
+      result.push_back(copy);
+      if (progress) progress(copy);
+    }
+    return result;
+  }
   Transaction tx(destination);
   destination.deferConstraintChecks();
   for (auto t = tables.rbegin(); t != tables.rend(); ++t) {

@@ -49,4 +49,8 @@ inline constexpr int32_t kErrUnrecognized = 3343;
 // connection reports as having been opened (for messages).
 std::shared_ptr<Connection> openDatabase(const std::string& path, const std::string& description);
 
+// The in-memory database behind a connection of this backend (read it only),
+// or null for another backend's connection.
+Connection* loadedDatabaseOf(Connection& conn);
+
 }  // namespace kavrel::db::mdb

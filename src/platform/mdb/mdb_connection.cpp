@@ -85,6 +85,8 @@ class ReadOnlyConnection final : public Connection {
   ReadOnlyConnection(std::shared_ptr<Connection> inner, std::string path)
       : inner_(std::move(inner)), path_(std::move(path)) {}
 
+  const std::shared_ptr<Connection>& inner() const { return inner_; }
+
   std::unique_ptr<Recordset> execute(std::string_view sql) override {
     return guard([&] { return inner_->execute(sql); });
   }
@@ -137,6 +139,11 @@ class ReadOnlyConnection final : public Connection {
 };
 
 }  // namespace
+
+Connection* loadedDatabaseOf(Connection& conn) {
+  auto* c = dynamic_cast<ReadOnlyConnection*>(&conn);
+  return c ? c->inner().get() : nullptr;
+}
 
 std::shared_ptr<Connection> makeReadOnly(std::shared_ptr<Connection> memory, const std::string& path) {
   auto db = sqlite::databaseOf(*memory);

@@ -29,6 +29,13 @@ std::shared_ptr<Connection> openDatabase(const std::string& path, const std::str
 // openDatabase sets up a file. `description` is what the connection reports.
 std::shared_ptr<Connection> openMemoryDatabase(const std::string& description);
 
+// Copies the whole of `source` into `destination`, page by page, when both
+// are connections of this backend outside any transaction and their schemas
+// are the same text (so nothing of the source can be lost). Returns false,
+// having done nothing, otherwise. One write transaction on the destination:
+// on failure it throws and the destination is as it was.
+bool copyWholeDatabase(Connection& source, Connection& destination);
+
 // Creates the file and runs `script` (several statements) in one transaction.
 // The file must not exist; on failure nothing is left behind.
 void createDatabase(const std::string& path, std::string_view script);

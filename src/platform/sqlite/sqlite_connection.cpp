@@ -328,6 +328,40 @@ std::shared_ptr<Database> databaseOf(Connection& conn) {
   return c ? c->database() : nullptr;
 }
 
+namespace {
+
+// Every schema object of the database, as one text.
+std::string schemaText(Database& db) {
+  std::string all;
+  auto stmt = db.prepare("SELECT type, name, tbl_name, coalesce(sql, '') FROM sqlite_master ORDER BY type, name");
+  int rc;
+  while ((rc = sqlite3_step(stmt->get())) == SQLITE_ROW) {
+    for (int i = 0; i < 4; ++i) {
+      const unsigned char* t = sqlite3_column_text(stmt->get(), i);
+      all += t ? reinterpret_cast<const char*>(t) : "";
+      all += '\x1f';
+    }
+    all += '\x1e';
+  }
+  if (rc != SQLITE_DONE) db.fail(rc, "SELECT ... FROM sqlite_master");
+  return all;
+}
+
+}  // namespace
+
+bool copyWholeDatabase(Connection& source, Connection& destination) {
+  auto src = databaseOf(source);
+  auto dst = databaseOf(destination);
+  if (!src || !dst || source.transactionDepth() != 0 || destination.transactionDepth() != 0) return false;
+  if (schemaText(*src) != schemaText(*dst)) return false;
+  sqlite3_backup* backup = sqlite3_backup_init(dst->handle(), "main", src->handle(), "main");
+  if (backup == nullptr) dst->fail(sqlite3_extended_errcode(dst->handle()), "copy of the whole database");
+  const int rc = sqlite3_backup_step(backup, -1);
+  sqlite3_backup_finish(backup);
+  if (rc != SQLITE_DONE) dst->fail(rc, "copy of the whole database");
+  return true;
+}
+
 void createDatabase(const std::string& path, std::string_view script) {
   std::error_code ec;
   // Made here, exclusively: of several processes creating the same file one
