@@ -244,6 +244,10 @@ struct TableCopy {
 // destination's tables are emptied first (a new database holds its version
 // row only). `progress`, when given, is called after each table.
 //
+// Between two SQLite databases (a file, or the memory database a legacy file
+// is loaded into) whose schemas are the same text, the pages are copied whole
+// instead, in one write transaction, with the same counts checked after.
+//
 // All in one transaction on the destination, relations checked at its end.
 // After each table the rows the source holds, the rows read and the rows the
 // destination holds must agree. On any failure (a table or column of the
