@@ -442,6 +442,58 @@ std::string serverTarget(std::string_view cs, int depth, const std::filesystem::
 
 }  // namespace
 
+namespace {
+
+// Follows a connection string to the local files it opens (see localFilesOf).
+void collectLocalFiles(std::string_view cs, int depth, const std::filesystem::path& baseDir,
+                       std::vector<std::string>& files) {
+  cs = trimBlanks(cs);
+  if (cs.empty() || postgres::isUri(cs)) return;
+  std::vector<std::pair<std::string, std::string>> pairs;
+  std::string provider, dataSource, linkFile;
+  if (cs.find('=') == std::string_view::npos || !parsePairs(cs, pairs) || pairs.empty() ||
+      !isKnownKey(pairs.front().first)) {
+    // A bare name ending in ".udl" is the data link the session opens.
+    if (cs.size() <= 4 || cs.substr(cs.size() - 4) != ".udl") {
+      files.emplace_back(cs);
+      return;
+    }
+    pairs = {{"file name", std::string(cs)}};
+  }
+  for (auto& [key, value] : pairs) {
+    if (key == "provider") provider = value;
+    else if (key == "data source") dataSource = value;
+    else if (key == "file name") linkFile = value;
+  }
+  auto resolve = [&](const std::string& p) {
+    std::filesystem::path path(p);
+    return (path.is_relative() && !baseDir.empty()) ? (baseDir / path).string() : p;
+  };
+  if (!linkFile.empty()) {
+    const std::string link = resolve(linkFile);
+    files.push_back(link);
+    if (depth >= kMaxLinkDepth) return;
+    std::string inner;
+    try {
+      inner = readDataLink(link);
+    } catch (const Error&) {
+      return;  // an unreadable link opens nothing further
+    }
+    collectLocalFiles(inner, depth + 1, std::filesystem::path(link).parent_path(), files);
+    return;
+  }
+  if (postgres::isProvider(provider) || dataSource.empty()) return;
+  files.push_back(resolve(dataSource));
+}
+
+}  // namespace
+
+std::vector<std::string> localFilesOf(std::string_view connectionString) {
+  std::vector<std::string> files;
+  collectLocalFiles(connectionString, 0, {}, files);
+  return files;
+}
+
 void createDatabase(const std::string& path) {
   const std::string_view versionRow = "INSERT INTO [system] ([parameter], [value]) VALUES ('version', '4');";
   std::string server = serverTarget(path, 0, {});

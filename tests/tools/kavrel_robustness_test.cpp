@@ -100,15 +100,25 @@ TEST_F(KavrelRobustness, OutputsNeverReplaceTheDatabaseAndAreReplacedOnlyWhole) 
   const std::string database = readBytes(db_);
   fs::create_symlink(db_, file("link.sqlite"));
   fs::create_hard_link(db_, file("hard.sqlite"));
-  for (const std::string& out : {db_, file("link.sqlite"), file("hard.sqlite"), std::string("./defs.sqlite")}) {
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"export", db_, kKlineName, "-o", out}, {"export-parameters", db_, "-o", out}}) {
-      const Run r = run(args);
-      EXPECT_EQ(r.status, 1) << args[0] << " -o " << out;
-      EXPECT_TRUE(contains(r.err, "is the database")) << r.err;
+  // The database named directly, by a connection string, or through a data
+  // link (whose own file is no output either).
+  writeBytes(file("defs.udl"), "[oledb]\nProvider=SQLite;Data Source=defs.sqlite\n");
+  const std::string udl = readBytes(file("defs.udl"));
+  for (const std::string& source :
+       {db_, "Provider=SQLite;Data Source=" + db_, file("defs.udl")}) {
+    for (const std::string& out :
+         {db_, file("link.sqlite"), file("hard.sqlite"), std::string("./defs.sqlite"), file("defs.udl")}) {
+      if (out == file("defs.udl") && source != file("defs.udl")) continue;
+      for (const std::vector<std::string>& args : {std::vector<std::string>{"export", source, kKlineName, "-o", out},
+                                                   {"export-parameters", source, "-o", out}}) {
+        const Run r = run(args);
+        EXPECT_EQ(r.status, 1) << args[0] << " " << source << " -o " << out;
+        EXPECT_TRUE(contains(r.err, "is the database")) << r.err;
+      }
     }
   }
   EXPECT_EQ(readBytes(db_), database);
+  EXPECT_EQ(readBytes(file("defs.udl")), udl);
   EXPECT_EQ(run({"check", db_}).status, 0);
 
   // A failed export leaves the file it would have replaced as it was, and

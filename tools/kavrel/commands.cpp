@@ -237,8 +237,9 @@ void writeDocument(const std::string& database, const std::string& output, std::
     copyToStdout(tmp.path, command);
     return;
   }
-  if (sameFile(output, database))
-    fail(2, command, "'" + output + "' is the database '" + database + "' itself; choose another output file");
+  for (const std::string& file : kavrel::db::localFilesOf(database))
+    if (sameFile(output, file))
+      fail(2, command, "'" + output + "' is the database '" + file + "' itself; choose another output file");
   std::error_code ec;
   const auto status = fs::status(fs::u8path(output), ec);
   if (fs::exists(status) && !fs::is_regular_file(status)) {

@@ -210,6 +210,15 @@ class Transaction {
 // Opening never creates a database; a missing file throws an error naming it.
 std::shared_ptr<Connection> openConnection(std::string_view connectionString);
 
+// The local files that openConnection(connectionString) reads: each
+// data-link file on the way and the database file it ends at (relative
+// names resolved as opening resolves them; a bare name ending in ".udl" is
+// followed as the data link the session opens). Empty for a server database.
+// Does not open the database; a data-link file that cannot be read ends the
+// list there (opening it would fail anyway). For tools that must never write
+// over the database they read.
+std::vector<std::string> localFilesOf(std::string_view connectionString);
+
 // Creates a new, empty definitions database at `path` with the whole schema
 // and the [system] version row "4". Fails if the file already exists.
 void createDatabase(const std::string& path);
