@@ -34,27 +34,30 @@ using Catalogues = ::testing::Types<TypeOrganeItems, PanneItems>;
 TYPED_TEST_SUITE(IdLabelItems, Catalogues);
 
 TYPED_TEST(IdLabelItems, ReadSortsByLabelAndAMissingTableIsRecordedErrorOne) {
-  test::TempDb tdb;
-  auto conn = tdb.connection();
-  TypeParam src;
-  src.Add(4, "Sortie");
-  src.Add(1, "Entrée");
-  src.Add(7, "Capteur");
-  src.dbInsertAll(*conn);
-  TypeParam items;
-  EXPECT_TRUE(items.DbRead(*conn));
-  EXPECT_FALSE(lastError().pending());
-  EXPECT_EQ(describe(items), "7 Capteur;1 Entrée;4 Sortie;");
-  EXPECT_EQ(items.ItemId(7)->libelle(), "Capteur");
-  EXPECT_EQ(items.ItemName("ENTRÉE")->id(), 1);  // the name rule
-  EXPECT_EQ(items.ItemName("Entree"), nullptr);
-  EXPECT_EQ(items.ItemName("Entrée")->id(), 1);
-  conn->execute(std::string("DROP TABLE [") + Traits<TypeParam>::table + "]");
-  TypeParam none;
-  EXPECT_FALSE(none.DbRead(*conn));
-  EXPECT_EQ(none.Count(), 0);
-  EXPECT_TRUE(test::recorded(1, std::string("Table '") + Traits<TypeParam>::table + "' doesn't exist in the database"));
-  EXPECT_EQ(lastError().source, "");
+  for (const test::Engine e : {test::Engine::SQLite, test::Engine::PostgreSQL}) {
+    SCOPED_TRACE(e == test::Engine::SQLite ? "SQLite" : "PostgreSQL");
+    test::TempDb tdb(e);
+    auto conn = tdb.connection();
+    TypeParam src;
+    src.Add(4, "Sortie");
+    src.Add(1, "Entrée");
+    src.Add(7, "Capteur");
+    src.dbInsertAll(*conn);
+    TypeParam items;
+    EXPECT_TRUE(items.DbRead(*conn));
+    EXPECT_FALSE(lastError().pending());
+    EXPECT_EQ(describe(items), "7 Capteur;1 Entrée;4 Sortie;");
+    EXPECT_EQ(items.ItemId(7)->libelle(), "Capteur");
+    EXPECT_EQ(items.ItemName("ENTRÉE")->id(), 1);  // the name rule
+    EXPECT_EQ(items.ItemName("Entree"), nullptr);
+    EXPECT_EQ(items.ItemName("Entrée")->id(), 1);
+    conn->execute(std::string("DROP TABLE [") + Traits<TypeParam>::table + "]");
+    TypeParam none;
+    EXPECT_FALSE(none.DbRead(*conn));
+    EXPECT_EQ(none.Count(), 0);
+    EXPECT_TRUE(test::recorded(1, std::string("Table '") + Traits<TypeParam>::table + "' doesn't exist in the database"));
+    EXPECT_EQ(lastError().source, "");
+  }
 }
 
 TYPED_TEST(IdLabelItems, XmlRoundTripAndMissingAttributes) {

@@ -3,6 +3,7 @@
 
 #include "kavrel/kavrel.h"
 #include "support/temp_db.h"
+#include "support/engines.h"
 
 namespace kavrel {
 namespace {
@@ -14,7 +15,10 @@ std::string describe(const ProtocolItems& p) {
   return s;
 }
 
-TEST(ProtocolItems, LookupsInsertAllReadAndXml) {
+class ProtocolItemsDb : public ::kavrel::test::EngineTest {};
+KAVREL_ON_ENGINES(ProtocolItemsDb);
+
+TEST_P(ProtocolItemsDb, LookupsInsertAllReadAndXml) {
   test::TempDb tdb;
   auto conn = tdb.connection();
   ProtocolItems src;

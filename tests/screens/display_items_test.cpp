@@ -5,6 +5,7 @@
 #include "screens/display_fixture.h"
 #include "screens/display_support.h"
 #include "support/checks.h"
+#include "support/engines.h"
 
 namespace kavrel {
 namespace {
@@ -29,7 +30,10 @@ std::vector<std::string> described(const DisplayItems& list) {
   return out;
 }
 
-TEST(DisplayDb, EveryKindRoundTripsWithItsLinkAndThresholds) {
+class DisplayDb : public ::kavrel::test::EngineTest {};
+KAVREL_ON_ENGINES(DisplayDb);
+
+TEST_P(DisplayDb, EveryKindRoundTripsWithItsLinkAndThresholds) {
   DisplayTarget t;
   auto data = t.dataDisplay("Lecture 'A'", "Vitesse", 500);
   data->setDisplayTop(20);
@@ -100,7 +104,7 @@ TEST(DisplayDb, EveryKindRoundTripsWithItsLinkAndThresholds) {
   EXPECT_EQ(t.readBack()->Item(5)->FontName(), "Arial");
 }
 
-TEST(DisplayDb, ALinkNotFoundReadsAsNoneAndABrokenLinkStopsTheRead) {
+TEST_P(DisplayDb, ALinkNotFoundReadsAsNoneAndABrokenLinkStopsTheRead) {
   DisplayTarget t;
   auto a = t.requestDisplay("Reset", false, 0);
   auto b = t.dataDisplay("Lecture 'A'", "Vitesse", 100);
@@ -126,7 +130,7 @@ TEST(DisplayDb, ALinkNotFoundReadsAsNoneAndABrokenLinkStopsTheRead) {
   EXPECT_EQ(stopped->Item(2)->TypeDisplay(), 3);
 }
 
-TEST(DisplayDb, ATargetWideBatchReadsWhatTheScreenReadsRead) {
+TEST_P(DisplayDb, ATargetWideBatchReadsWhatTheScreenReadsRead) {
   DisplayTarget t;
   auto second = t.addScreen("Boîte");
   for (const auto& screen : {t.screen, second}) {
@@ -154,7 +158,7 @@ TEST(DisplayDb, ATargetWideBatchReadsWhatTheScreenReadsRead) {
   }
 }
 
-TEST(DisplayDb, UpdateKeepsTheTypeAndDeletesTakeLinksAndThresholds) {
+TEST_P(DisplayDb, UpdateKeepsTheTypeAndDeletesTakeLinksAndThresholds) {
   DisplayTarget t;
   auto d = t.dataDisplay("Lecture 'A'", "Vitesse", 10);
   DisplayTarget::range(d, 1, 2);
@@ -202,7 +206,7 @@ TEST(DisplayDb, UpdateKeepsTheTypeAndDeletesTakeLinksAndThresholds) {
   EXPECT_FALSE(lastError().pending());
 }
 
-TEST(DisplayDb, WritesWithoutAScreenOfATargetRaiseParentNotDefined) {
+TEST_P(DisplayDb, WritesWithoutAScreenOfATargetRaiseParentNotDefined) {
   DisplayItem d;
   test::TempDb db;
   for (auto op : {&DisplayItem::dbInsert, &DisplayItem::dbUpdate, &DisplayItem::dbDelete})
@@ -264,7 +268,10 @@ TEST(DisplayObjects, DefaultsClearAndObsoleteXmlOperations) {
 namespace kavrel {
 namespace {
 
-TEST(DisplayBulk, AScreenInsertWritesEachDisplayBeforeItsLinksAndThresholds) {
+class DisplayBulk : public ::kavrel::test::EngineTest {};
+KAVREL_ON_ENGINES(DisplayBulk);
+
+TEST_P(DisplayBulk, AScreenInsertWritesEachDisplayBeforeItsLinksAndThresholds) {
   DisplayTarget t;
   auto fresh = t.category->Screens()->Add(0, "Neuf");
   fresh->setParent(t.category);

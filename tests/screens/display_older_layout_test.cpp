@@ -5,6 +5,7 @@
 #include "screens/display_fixture.h"
 #include "support/checks.h"
 #include "support/older_layout.h"
+#include "support/engines.h"
 
 namespace kavrel {
 namespace {
@@ -55,7 +56,10 @@ struct OlderDisplays {
   std::shared_ptr<ScreenItem> screen;
 };
 
-TEST(DisplayOlderLayout, TheTypeFollowsTheJoinedDataAndFallsBackToThree) {
+class DisplayOlderLayout : public ::kavrel::test::EngineTest {};
+KAVREL_ON_ENGINES(DisplayOlderLayout);
+
+TEST_P(DisplayOlderLayout, TheTypeFollowsTheJoinedDataAndFallsBackToThree) {
   OlderDisplays old;
   DisplayItems list;
   list.dbReadKVR(*old.db.conn, 1, old.screen);
@@ -94,7 +98,7 @@ TEST(DisplayOlderLayout, TheTypeFollowsTheJoinedDataAndFallsBackToThree) {
   EXPECT_EQ(extras.dbReadKVR(*old.db.conn, list.Item(1)), 0);
 }
 
-TEST(DisplayOlderLayout, ErrorsReachTheCallerWithTheDisplaysReadSoFar) {
+TEST_P(DisplayOlderLayout, ErrorsReachTheCallerWithTheDisplaysReadSoFar) {
   OlderDisplays old;
   old.db.conn->execute("DROP TABLE Seuils");
   DisplayItems list;

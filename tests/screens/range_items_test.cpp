@@ -9,6 +9,7 @@
 #include "screens/display_fixture.h"
 #include "screens/display_support.h"
 #include "support/checks.h"
+#include "support/engines.h"
 
 namespace kavrel {
 namespace {
@@ -47,7 +48,10 @@ struct CommaLocale {
   bool active = false;
 };
 
-TEST(RangeDb, TwoThresholdsOfOneValueAreUpdatedMovedAndDeletedTogether) {
+class RangeDb : public ::kavrel::test::EngineTest {};
+KAVREL_ON_ENGINES(RangeDb);
+
+TEST_P(RangeDb, TwoThresholdsOfOneValueAreUpdatedMovedAndDeletedTogether) {
   DisplayTarget t;
   auto d = t.dataDisplay("Lecture 'A'", "Vitesse");
   auto red = DisplayTarget::range(d, 5, 255);
@@ -85,7 +89,7 @@ TEST(RangeDb, TwoThresholdsOfOneValueAreUpdatedMovedAndDeletedTogether) {
   EXPECT_EQ(rows(t, *d), "");
 }
 
-TEST(RangeDb, InsertFailureIsLeftPendingAndParentlessRangesRaise) {
+TEST_P(RangeDb, InsertFailureIsLeftPendingAndParentlessRangesRaise) {
   DisplayTarget t;
   auto d = t.dataDisplay("Lecture 'A'", "Vitesse");
   d->setId(424242);  // never stored: the row is refused by the database
@@ -101,7 +105,7 @@ TEST(RangeDb, InsertFailureIsLeftPendingAndParentlessRangesRaise) {
   EXPECT_TRUE(test::throws([&] { orphan.dbDelete(t.conn()); }, 100, "Parent not defined"));
 }
 
-TEST(RangeDb, ValuesAreSplicedWithALeadingBlankAndAPointWhateverTheLocale) {
+TEST_P(RangeDb, ValuesAreSplicedWithALeadingBlankAndAPointWhateverTheLocale) {
   EXPECT_EQ(detail::thresholdText(12.5), " 12.5");
   EXPECT_EQ(detail::thresholdText(10), " 10");
   EXPECT_EQ(detail::thresholdText(0), " 0");

@@ -9,6 +9,7 @@
 #include "kavrel/kavrel.h"
 #include "support/checks.h"
 #include "support/temp_db.h"
+#include "support/engines.h"
 
 namespace kavrel {
 namespace {
@@ -19,7 +20,10 @@ static_assert(!std::is_default_constructible_v<KavrelDatabase>, "sessions come f
 static_assert(!std::is_reference_v<decltype(std::declval<const RequestItems&>().Item(1))>,
               "Item returns the element by value");
 
-TEST(SessionSafety, ClosedSessionsRefuseWithNumberedErrors) {
+class SessionSafety : public ::kavrel::test::EngineTest {};
+KAVREL_ON_ENGINES(SessionSafety);
+
+TEST_P(SessionSafety, ClosedSessionsRefuseWithNumberedErrors) {
   auto s = KavrelDatabase::create();
   EXPECT_TRUE(throws([&] { s->connection(); }, 2, "Error database not defined"));
   int32_t address = 0, id = 0;
@@ -46,7 +50,7 @@ TEST(SessionSafety, ClosedSessionsRefuseWithNumberedErrors) {
   EXPECT_TRUE(throws([&] { s->connection(); }, 2, "Error database not defined"));
 }
 
-TEST(SessionSafety, AFailedReadLeavesEmptyCataloguesNotNullOnes) {
+TEST_P(SessionSafety, AFailedReadLeavesEmptyCataloguesNotNullOnes) {
   test::TempDb db;
   db.connection()->execute("DROP TABLE [Fonctions]");
   auto s = KavrelDatabase::create();
@@ -65,7 +69,7 @@ TEST(SessionSafety, AFailedReadLeavesEmptyCataloguesNotNullOnes) {
   EXPECT_TRUE(std::filesystem::exists(dir.file("t.xml")));
 }
 
-TEST(SessionSafety, ExportOfAnUnknownTargetEndsLikeASuccessfulOne) {
+TEST_P(SessionSafety, ExportOfAnUnknownTargetEndsLikeASuccessfulOne) {
   test::TempDb db;
   db.connection()->execute("INSERT INTO Fonctions (Address, [Function Name]) VALUES (1, 'Moteur')");
   db.connection()->execute("INSERT INTO Protocoles VALUES ('KWP', 1, 0)");

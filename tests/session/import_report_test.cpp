@@ -5,6 +5,7 @@
 #include "kavrel/kavrel.h"
 #include "support/checks.h"
 #include "support/temp_db.h"
+#include "support/engines.h"
 
 namespace kavrel {
 namespace {
@@ -16,7 +17,10 @@ using test::writeBytes;
 
 std::string sourceFile(const std::string& relative) { return std::string(KAVREL_SOURCE_DIR) + "/" + relative; }
 
-TEST(ImportReport, NamesWhatAnImportCutOrCouldNotLinkWithItsElementAndPassesTheRestOn) {
+class ImportReportDb : public ::kavrel::test::EngineTest {};
+KAVREL_ON_ENGINES(ImportReportDb);
+
+TEST_P(ImportReportDb, NamesWhatAnImportCutOrCouldNotLinkWithItsElementAndPassesTheRestOn) {
   test::TempDb db;
   auto session = KavrelDatabase::create();
   session->DbOpen(db.path());

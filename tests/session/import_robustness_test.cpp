@@ -9,6 +9,7 @@
 #include "kavrel/kavrel.h"
 #include "support/checks.h"
 #include "support/temp_db.h"
+#include "support/engines.h"
 
 namespace kavrel {
 namespace {
@@ -27,7 +28,7 @@ std::string edited(const std::string& from, const std::string& to) {
   return text;
 }
 
-class ImportRobustness : public ::testing::Test {
+class ImportRobustness : public ::kavrel::test::EngineTest {
  protected:
   void SetUp() override {
     session_->DbOpen(db_.path());
@@ -46,10 +47,11 @@ class ImportRobustness : public ::testing::Test {
   test::TempDb db_;
   std::shared_ptr<KavrelDatabase> session_ = KavrelDatabase::create();
 };
+KAVREL_ON_ENGINES(ImportRobustness);
 
 // An unknown element nested far deeper than any recursion could follow,
 // inside each element whose readers drop what they have read.
-TEST_F(ImportRobustness, DeepNestingIsReadAndFreedWithoutRecursion) {
+TEST_P(ImportRobustness, DeepNestingIsReadAndFreedWithoutRecursion) {
   const std::string deep = [] {
     std::string open, close;
     for (int i = 0; i < 200000; ++i) open += "<a>", close += "</a>";
@@ -72,7 +74,7 @@ TEST_F(ImportRobustness, DeepNestingIsReadAndFreedWithoutRecursion) {
 
 // Characters a document may not hold are refused where they stand, written
 // as references or raw; the same references inside CDATA are plain text.
-TEST_F(ImportRobustness, CharactersThatCannotBeStoredAreRefused) {
+TEST_P(ImportRobustness, CharactersThatCannotBeStoredAreRefused) {
   const struct {
     const char* from;
     const char* to;
@@ -108,7 +110,7 @@ TEST_F(ImportRobustness, CharactersThatCannotBeStoredAreRefused) {
 
 // Coefficients too large for a number are refused naming their attribute;
 // the reading up to the first character that is not a number stays.
-TEST_F(ImportRobustness, NumbersThatOverflowAreRefused) {
+TEST_P(ImportRobustness, NumbersThatOverflowAreRefused) {
   const struct {
     const char* from;
     const char* to;
@@ -135,7 +137,7 @@ TEST_F(ImportRobustness, NumbersThatOverflowAreRefused) {
 // Replacing a stored target runs the deletion (relations checked at its
 // end) and the insertion in one transaction: links to missing items are
 // dropped and logged as by a plain import, and the whole commits.
-TEST_F(ImportRobustness, ReplacingDropsLinksToMissingItemsAsAPlainImportDoes) {
+TEST_P(ImportRobustness, ReplacingDropsLinksToMissingItemsAsAPlainImportDoes) {
   db::Connection& conn = *session_->DbConnection();
   const struct {
     const char* from;

@@ -9,6 +9,7 @@
 #include "kavrel/kavrel.h"
 #include "support/checks.h"
 #include "support/temp_db.h"
+#include "support/engines.h"
 
 namespace kavrel {
 namespace {
@@ -60,7 +61,10 @@ struct StoredNames {
   db::Connection& conn() { return *s->DbConnection(); }
 };
 
-TEST(NamesScenario, CataloguesTargetsAndListsReadInFrenchOrder) {
+class NamesScenario : public ::kavrel::test::EngineTest {};
+KAVREL_ON_ENGINES(NamesScenario);
+
+TEST_P(NamesScenario, CataloguesTargetsAndListsReadInFrenchOrder) {
   StoredNames n;
   EXPECT_EQ(namesOf(*n.s->functions(), [](const FunctionItem& f) { return f.functionName(); }),
             (std::vector<std::string>{"Éclairage", "eclairage avant", "Moteur", "Vitesse"}));
@@ -85,7 +89,7 @@ TEST(NamesScenario, CataloguesTargetsAndListsReadInFrenchOrder) {
   EXPECT_FALSE(n.s->DbFindUceByName("eclairage", address, id));
 }
 
-TEST(NamesScenario, PositionsLinkToTheirOwnDataWhateverTheSpelling) {
+TEST_P(NamesScenario, PositionsLinkToTheirOwnDataWhateverTheSpelling) {
   StoredNames n;
   auto read = n.t->Requests()->ItemName("LECTURE MESURES");
   ASSERT_NE(read, nullptr);
@@ -97,7 +101,7 @@ TEST(NamesScenario, PositionsLinkToTheirOwnDataWhateverTheSpelling) {
   EXPECT_EQ(n.t->Requests()->ItemDataPositionName("lecture MESURES", "écart de richesse")->StartOctet(), 4);
 }
 
-TEST(NamesScenario, RenamesAndInsertsOntoACaseVariantAreRefused) {
+TEST_P(NamesScenario, RenamesAndInsertsOntoACaseVariantAreRefused) {
   StoredNames n;
   // Data: error 2, the item keeps its name, the database its rows.
   auto tension = n.t->datas()->ItemName("Tension");

@@ -90,8 +90,13 @@ class PgConnection final : public Connection {
         db_->fail(r, "COMMIT");
       }
     } else {
+      // The level that deferred the checks makes them now: a broken
+      // relation fails this commit and leaves the level open to be rolled
+      // back; the enclosing levels check per statement again.
+      if (deferredLevel_ == db_->transactionDepth) db_->control("SET CONSTRAINTS ALL IMMEDIATE");
       db_->control("RELEASE " + savepoint(db_->transactionDepth - 1));
     }
+    if (deferredLevel_ >= db_->transactionDepth) deferredLevel_ = 0;
     --db_->transactionDepth;
   }
 
@@ -102,14 +107,20 @@ class PgConnection final : public Connection {
     } else {
       std::string name = savepoint(db_->transactionDepth - 1);
       db_->control("ROLLBACK TO " + name + "; RELEASE " + name);
+      if (deferredLevel_ == db_->transactionDepth) db_->control("SET CONSTRAINTS ALL IMMEDIATE");
     }
+    if (deferredLevel_ >= db_->transactionDepth) deferredLevel_ = 0;
     --db_->transactionDepth;
   }
 
   int transactionDepth() const override { return db_->transactionDepth; }
 
   void deferConstraintChecks() override {
-    if (db_->transactionDepth > 0) db_->control("SET CONSTRAINTS ALL DEFERRED");
+    if (db_->transactionDepth == 0) return;
+    db_->control("SET CONSTRAINTS ALL DEFERRED");
+    // Checks stay deferred from here until the level asking ends; an outer
+    // level that already deferred them keeps them so until its own end.
+    if (deferredLevel_ == 0 || deferredLevel_ > db_->transactionDepth) deferredLevel_ = db_->transactionDepth;
   }
 
   void lockKey(std::string_view key) override {
@@ -128,7 +139,10 @@ class PgConnection final : public Connection {
 
   // A transaction the server ended (a lost connection) is forgotten.
   bool syncDepth() {
-    if (db_->transactionDepth > 0 && PQtransactionStatus(db_->handle()) == PQTRANS_IDLE) db_->transactionDepth = 0;
+    if (db_->transactionDepth > 0 && PQtransactionStatus(db_->handle()) == PQTRANS_IDLE) {
+      db_->transactionDepth = 0;
+      deferredLevel_ = 0;
+    }
     return db_->transactionDepth > 0;
   }
 
@@ -138,6 +152,8 @@ class PgConnection final : public Connection {
   }
 
   std::shared_ptr<Database> db_;
+  // The transaction level whose checks are deferred (0: none).
+  int deferredLevel_ = 0;
 };
 
 ConnHandle connect(const std::string& conninfo, const std::string& description) {

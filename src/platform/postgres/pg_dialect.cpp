@@ -229,8 +229,27 @@ std::string adaptSql(std::string_view sql) {
   bool inOrderBy = false;
   bool termStart = false;
   bool pendingDeferrable = false;
+  // Nulls sort as the smallest values, as the embedded engine sorts them:
+  // first going up, last going down, unless the term says otherwise.
+  bool termDesc = false, termNulls = false, termSeen = false;
+  auto endTerm = [&] {
+    if (inOrderBy && termSeen && !termNulls) out += termDesc ? " NULLS LAST" : " NULLS FIRST";
+    termDesc = termNulls = termSeen = false;
+  };
   for (size_t i = 0; i < tokens.size(); ++i) {
     const Token& t = tokens[i];
+    if (inOrderBy && depth == 0) {
+      if (t.kind == Kind::Other && (t.raw == "," || t.raw == ";")) {
+        endTerm();
+      } else if (isWord(t, "limit") || isWord(t, "offset")) {
+        endTerm();
+        inOrderBy = false;
+      } else if (t.kind != Kind::Blank) {
+        termSeen = true;
+        if (isWord(t, "desc")) termDesc = true;
+        if (isWord(t, "nulls")) termNulls = true;
+      }
+    }
     if (t.kind == Kind::Other && t.raw == ";") {
       // Only blanks and semicolons may follow.
       for (size_t k = i + 1; k < tokens.size(); ++k) {
@@ -327,6 +346,7 @@ std::string adaptSql(std::string_view sql) {
       out.append(t.raw);
     }
   }
+  endTerm();
   return out;
 }
 
