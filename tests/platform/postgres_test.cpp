@@ -189,3 +189,79 @@ TEST(PostgresNames, NameColumnsCompareAndSortByTheNameRule) {
 
 }  // namespace
 }  // namespace kavrel::test
+
+namespace kavrel::test {
+namespace {
+
+// Every field of every row, in the order read.
+std::vector<std::vector<std::string>> rowsOf(db::Recordset& rs) {
+  std::vector<std::vector<std::string>> out;
+  for (; !rs.eof(); rs.moveNext()) {
+    std::vector<std::string> row;
+    for (int f = 0; f < rs.fieldCount(); ++f) {
+      const db::Value& v = rs.field(f);
+      row.push_back(v.isNull() ? "<null>" : v.toText());
+    }
+    out.push_back(std::move(row));
+  }
+  return out;
+}
+
+TEST(PostgresOrder, SelectsSortedByTheClientGiveTheServersOrderAndHideTheirSortFields) {
+  TempDb db(Engine::PostgreSQL);
+  auto c = db.connection();
+  c->execute("INSERT INTO Cibles (Address, [Target Name]) VALUES (1, 'T')");
+  // Names that differ by case, accent, length and script; numbers with ties,
+  // Null and NaN.
+  const struct {
+    const char* name;
+    const char* bits;
+    const char* coeff;
+  } rows[] = {{"Vitesse", "8", "1.5"},    {"éclairage", "Null", "Null"}, {"Eclairage B", "16", "'NaN'"},
+              {"Zèbre", "8", "-2"},       {"a", "Null", "0"},           {"Œuf", "16", "1.5"},
+              {"Straße", "1", "Null"},    {"moteur", "8", "'NaN'"},     {"Moteur\t", "1", "1e300"}};
+  for (const auto& r : rows) {
+    c->execute(std::string("INSERT INTO Données ([Target Id], [Data Name], NumberBits, CoeffA, [Unité]) ") +
+               "VALUES (1, " + db::sql::quote(r.name) + ", " + r.bits + ", " + r.coeff + ", " + db::sql::quote(r.name) + ")");
+  }
+  // The server's own order (an updatable result set sorts there) is the
+  // reference for every statement a plain read sorts on the client.
+  for (const char* sql : {
+           "SELECT [Data Name], NumberBits FROM Données ORDER BY [Data Name]",
+           "SELECT [Data Name], NumberBits FROM Données ORDER BY NumberBits DESC, [Data Name] DESC",
+           "SELECT [Data Name], NumberBits, CoeffA FROM Données ORDER BY NumberBits, [Data Name]",
+           "SELECT [Data Name], CoeffA FROM Données ORDER BY CoeffA, [Data Name] DESC",
+           "SELECT [Data Name], CoeffA FROM Données ORDER BY [CoeffA] DESC , Données.[Data Name];",
+           "SELECT [Data Name], [Unité] FROM Données ORDER BY [Unité], [Data Id]",
+           "SELECT * FROM Données ORDER BY [Data Name]",
+       }) {
+    SCOPED_TRACE(sql);
+    auto server = rowsOf(*c->openUpdatable(sql));
+    ASSERT_EQ(server.size(), std::size(rows));
+    EXPECT_EQ(rowsOf(*c->execute(sql)), server);
+    auto client = c->openClient(sql);
+    EXPECT_EQ(rowsOf(*client), server);
+    client->filter("[Data Name]='MOTEUR'");
+    EXPECT_EQ(client->recordCount(), 1);
+  }
+  // A term that is not selected sorts without being shown; a join sorts by
+  // its qualified terms.
+  auto ids = c->execute("SELECT [Data Id] FROM Données ORDER BY [Data Name] DESC");
+  EXPECT_EQ(ids->fieldCount(), 1);
+  EXPECT_THROW(ids->field("kavrel sort 1"), Error);
+  for (const char* label : {"[Data Name]", "'un'"}) {
+    c->execute(std::string("INSERT INTO Listes ([Data Id], Valeur, Numérique, Liste, Libellé) SELECT [Data Id], ") +
+               (label[0] == '[' ? "2" : "1") + ", 0, 0, " + label + " FROM Données");
+  }
+  std::vector<std::vector<std::string>> joined;
+  for (auto rs = c->execute("SELECT Listes.Valeur, Listes.[Libellé] FROM Listes, Données WHERE Données.[Data Id] = "
+                            "Listes.[Data Id] AND Données.[Data Name] IN ('a', 'Zèbre') ORDER BY Listes.[Valeur] "
+                            "DESC, Données.[Data Name] DESC");
+       !rs->eof(); rs->moveNext()) {
+    joined.push_back({rs->field(0).toText(), rs->field(1).toText()});
+  }
+  EXPECT_EQ(joined, (std::vector<std::vector<std::string>>{{"2", "Zèbre"}, {"2", "a"}, {"1", "un"}, {"1", "un"}}));
+}
+
+}  // namespace
+}  // namespace kavrel::test
