@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
+#include <latch>
 #include <map>
 #include <set>
+#include <thread>
 #include <tuple>
 
 #include "kavrel/platform/names.h"
@@ -222,7 +225,8 @@ TEST(PostgresOrder, SelectsSortedByTheClientGiveTheServersOrderAndHideTheirSortF
               {"Straße", "1", "Null"},    {"moteur", "8", "'NaN'"},     {"Moteur\t", "1", "1e300"}};
   for (const auto& r : rows) {
     c->execute(std::string("INSERT INTO Données ([Target Id], [Data Name], NumberBits, CoeffA, [Unité]) ") +
-               "VALUES (1, " + db::sql::quote(r.name) + ", " + r.bits + ", " + r.coeff + ", " + db::sql::quote(r.name) + ")");
+               "VALUES (1, " + db::sql::quote(r.name) + ", " + r.bits + ", " + r.coeff + ", " +
+               db::sql::quote(r.name) + ")");
   }
   // The server's own order (an updatable result set sorts there) is the
   // reference for every statement a plain read sorts on the client.
@@ -261,6 +265,103 @@ TEST(PostgresOrder, SelectsSortedByTheClientGiveTheServersOrderAndHideTheirSortF
     joined.push_back({rs->field(0).toText(), rs->field(1).toText()});
   }
   EXPECT_EQ(joined, (std::vector<std::vector<std::string>>{{"2", "Zèbre"}, {"2", "a"}, {"1", "un"}, {"1", "un"}}));
+}
+
+
+TEST(PostgresConflicts, ADeadlockedUnitOfWorkRunsAgainAndBothWritersSucceed) {
+  TempDb db(Engine::PostgreSQL);
+  {
+    auto c = db.connection();
+    c->execute("INSERT INTO Cibles (Address, [Target Name], [Référence]) VALUES (1, 'A', 0)");
+    c->execute("INSERT INTO Cibles (Address, [Target Name], [Référence]) VALUES (2, 'B', 0)");
+  }
+  // Each writer takes one row, waits until the other holds the other row,
+  // then asks for it: the server fails one of them with a deadlock. Only
+  // the first attempts meet; a second attempt goes straight through.
+  std::latch bothHoldOne(2);
+  std::atomic<int> attempts{0}, undos{0};
+  auto writer = [&](const char* first, const char* second, std::string& failure) {
+    try {
+      auto conn = db::openConnection(db.path());
+      recordError(7, "", "pending before");
+      bool firstAttempt = true;
+      db::retryOnConflict(
+          *conn,
+          [&] {
+            ++attempts;
+            db::Transaction tx(*conn);
+            conn->execute(std::string("UPDATE Cibles SET [Référence]=[Référence]+1 WHERE [Target Name]='") + first +
+                          "'");
+            if (firstAttempt) {
+              firstAttempt = false;
+              bothHoldOne.arrive_and_wait();
+            }
+            recordError(9, "", "left by the attempt");
+            conn->execute(std::string("UPDATE Cibles SET [Référence]=[Référence]+10 WHERE [Target Name]='") +
+                          second + "'");
+            tx.commit();
+          },
+          [&] {
+            ++undos;
+            if (lastError().number != 7) failure = "the last-error record was not put back";
+          });
+      EXPECT_EQ(conn->transactionDepth(), 0);
+    } catch (const Error& e) {
+      failure = e.description();
+    }
+  };
+  std::string failureA, failureB;
+  std::thread a(writer, "A", "B", std::ref(failureA));
+  std::thread b(writer, "B", "A", std::ref(failureB));
+  a.join();
+  b.join();
+  EXPECT_EQ(failureA, "");
+  EXPECT_EQ(failureB, "");
+  EXPECT_EQ(attempts.load(), 3);
+  EXPECT_EQ(undos.load(), 1);
+  // Every committed attempt counted once on each row, the lost one not at all.
+  auto c = db.connection();
+  EXPECT_EQ(joinedRows(*c, "SELECT [Target Name] || '=' || [Référence] FROM Cibles ORDER BY [Target Name]"),
+            "A=11,B=11");
+}
+
+TEST(PostgresConflicts, OnlyDeadlocksAndSerializationFailuresAreConflictsAndOthersAreNotRetried) {
+  TempDb db(Engine::PostgreSQL);
+  auto c = db.connection();
+  for (const char* state : {"40P01", "40001", "55P03", "23505"}) {
+    const DbError e = thrownBy<DbError>([&] {
+      c->execute(std::string("DO $$BEGIN RAISE EXCEPTION 'provoked' USING ERRCODE = '") + state + "'; END$$");
+    });
+    const bool conflict = std::string(state).rfind("40", 0) == 0;
+    EXPECT_EQ(db::isConflict(e), conflict) << state;
+    if (state[0] == '4' && state[1] == '0') continue;  // retried by the engine outside a transaction
+    int runs = 0;
+    EXPECT_THROW(db::retryOnConflict(*c, [&] {
+      ++runs;
+      throw e;
+    }),
+                 Error);
+    EXPECT_EQ(runs, 1) << state;
+  }
+  // A conflict that lasts is thrown as it came after the last attempt; inside
+  // a transaction the work runs once.
+  const DbError conflict(5, "PostgreSQL", "deadlock detected [40P01]", 5 | (4 << 8), "deadlock detected");
+  int runs = 0;
+  EXPECT_THROW(db::retryOnConflict(*c, [&] {
+    ++runs;
+    throw conflict;
+  }),
+               DbError);
+  EXPECT_EQ(runs, db::kConflictAttempts);
+  runs = 0;
+  db::Transaction outer(*c);
+  EXPECT_THROW(db::retryOnConflict(*c, [&] {
+    ++runs;
+    throw conflict;
+  }),
+               DbError);
+  EXPECT_EQ(runs, 1);
+  EXPECT_FALSE(db::isConflict(Error(5, "", "deadlock detected [40P01]")));
 }
 
 }  // namespace

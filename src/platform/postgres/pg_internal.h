@@ -13,12 +13,13 @@
 #include <vector>
 
 #include "kavrel/platform/db.h"
+#include "platform/postgres/pg_backend.h"
 #include "platform/memory_recordset.h"
 #include "platform/postgres/pg_handle.h"
 
 namespace kavrel::db::postgres {
 
-inline constexpr const char* kSource = "PostgreSQL";
+inline constexpr const char* kSource = kErrorSource;
 
 // A statement parameter: text, or no value for Null. The server gives it the
 // type its place asks for.
