@@ -401,7 +401,10 @@ struct TermColumn {
   ClientSortTerm term;
   bool integer = false;
   std::vector<char> nulls;
-  std::vector<std::string> keys;
+  // The name rule's keys of every row, end to end in one text (no
+  // allocation per row): row r's key is keys.substr(spans[r]).
+  std::string keys;
+  std::vector<std::pair<uint32_t, uint32_t>> spans;
   std::vector<int64_t> integers;
   std::vector<double> reals;
 
@@ -412,7 +415,9 @@ struct TermColumn {
     if (nulls[ua] || nulls[ub]) {
       c = nulls[ua] - nulls[ub];
     } else if (term.name) {
-      c = names::compareKeys(keys[ua], keys[ub]);
+      const std::string_view all(keys);
+      c = names::compareKeys(all.substr(spans[ua].first, spans[ua].second),
+                             all.substr(spans[ub].first, spans[ub].second));
     } else if (integer) {
       c = (integers[ua] > integers[ub]) - (integers[ua] < integers[ub]);
     } else {
@@ -441,7 +446,7 @@ std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector
     // A name column that is not text, or any other text, sorts on the server.
     if (c.term.name ? !text : !(c.integer || real)) return std::nullopt;
     c.nulls.resize(static_cast<size_t>(rows));
-    if (c.term.name) c.keys.resize(static_cast<size_t>(rows));
+    if (c.term.name) c.spans.resize(static_cast<size_t>(rows));
     if (c.integer) c.integers.resize(static_cast<size_t>(rows));
     if (real) c.reals.resize(static_cast<size_t>(rows));
     for (int row = 0; row < rows; ++row) {
@@ -449,7 +454,15 @@ std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector
       if ((c.nulls[at] = static_cast<char>(PQgetisnull(r, row, f))) != 0) continue;
       const char* v = PQgetvalue(r, row, f);
       if (c.term.name) {
-        c.keys[at] = names::key(std::string_view(v, static_cast<size_t>(PQgetlength(r, row, f))));
+        const std::string_view name(v, static_cast<size_t>(PQgetlength(r, row, f)));
+        const size_t start = c.keys.size();
+        if (std::all_of(name.begin(), name.end(), [](char ch) { return static_cast<unsigned char>(ch) < 0x80; })) {
+          // An ASCII name's key is the name with A-Z lowered.
+          for (char ch : name) c.keys += ch >= 'A' && ch <= 'Z' ? static_cast<char>(ch - 'A' + 'a') : ch;
+        } else {
+          c.keys += names::key(name);
+        }
+        c.spans[at] = {static_cast<uint32_t>(start), static_cast<uint32_t>(c.keys.size() - start)};
       } else if (type == kBool) {
         c.integers[at] = v[0] == 't' ? 1 : 0;
       } else if (c.integer) {
