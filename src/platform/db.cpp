@@ -12,7 +12,12 @@
 #include <filesystem>
 #include <iterator>
 #include <limits>
+#include <exception>
 #include <optional>
+#include <random>
+#include <thread>
+
+#include <sqlite3.h>
 
 #include "kavrel/platform/text.h"
 #include "platform/mdb/mdb_backend.h"
@@ -553,5 +558,41 @@ std::string spliceUnquoted(std::string_view text) {
 std::string quoteOrNull(std::string_view text) { return text.empty() ? std::string("Null") : quote(text); }
 
 }  // namespace sql
+
+bool isConflict(const Error& e) {
+  const auto* failure = dynamic_cast<const DbError*>(&e);
+  if (failure == nullptr) return false;
+  if (failure->rawSource() == postgres::kErrorSource) return failure->backendCode() == postgres::kConflictCode;
+  return failure->backendCode() == SQLITE_BUSY_SNAPSHOT;
+}
+
+void retryOnConflict(Connection& conn, const std::function<void()>& work, const std::function<void()>& undo) {
+  if (conn.transactionDepth() > 0) {
+    work();
+    return;
+  }
+  const ErrorRecord before = lastError();
+  std::minstd_rand random(std::random_device{}());
+  for (int attempt = 1;; ++attempt) {
+    try {
+      work();
+      return;
+    } catch (const Error& e) {
+      if (attempt >= kConflictAttempts || !isConflict(e)) throw;
+      const std::exception_ptr conflict = std::current_exception();
+      // Whatever the attempt left open goes (its transaction is lost anyway);
+      // when even that fails, the conflict is what is reported.
+      try {
+        while (conn.transactionDepth() > 0) conn.rollback();
+      } catch (const Error&) {
+        std::rethrow_exception(conflict);
+      }
+    }
+    lastError() = before;
+    if (undo) undo();
+    const int ceiling = 10 << attempt;  // 20, 40, 80, 160 ms
+    std::this_thread::sleep_for(std::chrono::milliseconds(ceiling / 4 + static_cast<int>(random() % ceiling)));
+  }
+}
 
 }  // namespace kavrel::db

@@ -355,8 +355,8 @@ class ClientRecordsetImpl final : public ClientRecordset {
       const Index& index = indexOf(names_.require(term.column));
       std::vector<uint32_t> matches;
       for (const std::string& key : term.keys) {
-        auto it = index.find(key);
-        if (it != index.end()) matches = matches.empty() ? it->second : mergeSorted(matches, it->second);
+        std::vector<uint32_t> found = index.rowsOf(key);
+        if (!found.empty()) matches = matches.empty() ? std::move(found) : mergeSorted(matches, found);
       }
       result = first ? std::move(matches) : intersectSorted(result, matches);
       first = false;
@@ -376,8 +376,31 @@ class ClientRecordsetImpl final : public ClientRecordset {
   }
 
  private:
-  // Row numbers (ascending, so in query order) by value key.
-  using Index = std::unordered_map<std::string, std::vector<uint32_t>>;
+  // Row numbers (ascending, so in query order) by value key. A column of
+  // integers (and Nulls), the usual filter on ids, is kept as (value, row)
+  // pairs in one sorted array instead: no node per value to allocate and
+  // chase, and a lookup is a binary search.
+  struct Index {
+    bool integers = false;
+    std::unordered_map<std::string, std::vector<uint32_t>> byKey;
+    std::vector<std::pair<int64_t, uint32_t>> sorted;
+    std::vector<uint32_t> nulls;
+
+    std::vector<uint32_t> rowsOf(const std::string& key) const {
+      if (!integers) {
+        auto it = byKey.find(key);
+        return it == byKey.end() ? std::vector<uint32_t>() : it->second;
+      }
+      if (key == "n") return nulls;
+      if (key.size() != 9 || key[0] != 'i') return {};  // only integers are here
+      int64_t v = 0;
+      std::memcpy(&v, key.data() + 1, sizeof v);
+      auto first = std::lower_bound(sorted.begin(), sorted.end(), std::make_pair(v, uint32_t{0}));
+      std::vector<uint32_t> rows;
+      for (; first != sorted.end() && first->first == v; ++first) rows.push_back(first->second);
+      return rows;
+    }
+  };
 
   void checkOpen() const {
     if (closed_) throwClosed();
@@ -399,11 +422,28 @@ class ClientRecordsetImpl final : public ClientRecordset {
     auto& slot = indexes_[static_cast<size_t>(column)];
     if (!slot) {
       slot = std::make_unique<Index>();
+      slot->integers = true;
+      for (size_t r = 0; r < rowCount_ && slot->integers; ++r) {
+        const Value& v = row(r)[column];
+        if (v.type() == Value::Type::Integer) {
+          slot->sorted.emplace_back(v.rawInteger(), static_cast<uint32_t>(r));
+        } else if (v.isNull()) {
+          slot->nulls.push_back(static_cast<uint32_t>(r));
+        } else {
+          slot->integers = false;
+        }
+      }
+      if (slot->integers) {
+        std::sort(slot->sorted.begin(), slot->sorted.end());
+        return *slot;
+      }
+      slot->sorted = {};
+      slot->nulls = {};
       std::string key;
       for (size_t r = 0; r < rowCount_; ++r) {
         setValueKey(key, row(r)[column]);
-        auto it = slot->find(key);
-        if (it == slot->end()) it = slot->emplace(key, std::vector<uint32_t>()).first;
+        auto it = slot->byKey.find(key);
+        if (it == slot->byKey.end()) it = slot->byKey.emplace(key, std::vector<uint32_t>()).first;
         it->second.push_back(static_cast<uint32_t>(r));
       }
     }

@@ -5,6 +5,7 @@
 #include "kavrel/requests/organe_items.h"
 
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -342,25 +343,40 @@ void OrganeItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetIt
   } catch (const Error& e) {
     raiseReadError(e, "DeviceItems.DbReadAll error : ", sql);
   }
-  // The device data are read once the organ query is closed.
+  // The device data are read once the organ query is closed: the whole
+  // target's in one statement (not one per organ), each organ's in the order
+  // of its data names, and handed to their organs by the name rule.
+  std::unordered_map<std::string, Ptr> byOrgan;
   for (const auto& o : read) {
-    auto datas = std::make_shared<DeviceDataItems>();
-    o->setDeviceDatas(datas);
-    sql = std::string("SELECT [Organe Name],[Data Name], [Flag Panne]") + " FROM Lien_Données_ds_Organe" +
-          " WHERE [Target Id]=" + tid + " AND [Organe Name]='" + db::sql::doubleQuotes(o->organeName()) + "'";
-    try {
-      auto rs = conn.execute(sql);
-      for (; !rs->eof(); rs->moveNext()) {
-        auto d = datas->Add();
-        d->setParent(o);
-        d->setDataname(rs->field("Data Name").toText());
-        const db::Value& flag = rs->field("Flag Panne");
-        d->setFlagPanne(!flag.isNull() && flag.toBool());
+    o->setDeviceDatas(std::make_shared<DeviceDataItems>());
+    byOrgan.emplace(names::key(o->organeName()), o);
+  }
+  if (read.empty()) return;
+  sql = std::string("SELECT [Organe Name],[Data Name], [Flag Panne]") + " FROM Lien_Données_ds_Organe" +
+        " WHERE [Target Id]=" + tid + " ORDER BY [Organe Name], [Data Name]";
+  try {
+    auto rs = conn.execute(sql);
+    std::string organ;
+    Ptr owner;
+    bool first = true;
+    for (; !rs->eof(); rs->moveNext()) {
+      std::string name = rs->field("Organe Name").toText();
+      if (first || name != organ) {
+        auto it = byOrgan.find(names::key(name));
+        owner = it == byOrgan.end() ? nullptr : it->second;
+        organ = std::move(name);
+        first = false;
       }
-      rs->close();
-    } catch (const Error& e) {
-      raiseReadError(e, "DeviceItems.DbReadAll error : ", sql);
+      if (!owner) continue;
+      auto d = owner->DeviceDatas()->Add();
+      d->setParent(owner);
+      d->setDataname(rs->field("Data Name").toText());
+      const db::Value& flag = rs->field("Flag Panne");
+      d->setFlagPanne(!flag.isNull() && flag.toBool());
     }
+    rs->close();
+  } catch (const Error& e) {
+    raiseReadError(e, "DeviceItems.DbReadAll error : ", sql);
   }
 }
 

@@ -1,6 +1,8 @@
 #include "kavrel/platform/names.h"
 #include "kavrel/requests/request_items.h"
 
+#include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -17,6 +19,15 @@
 
 namespace kavrel {
 namespace {
+
+// A position (request and data name) as one text, equal for names the name
+// rule counts equal.
+std::string positionKey(std::string_view request, std::string_view data) {
+  std::string key = names::key(request);
+  key += '\0';
+  key += names::key(data);
+  return key;
+}
 
 constexpr const char* kParentNotDefined = "error : parent not defined";
 
@@ -446,14 +457,20 @@ void RequestItems::DbRead(db::Connection& conn, const std::shared_ptr<TargetItem
 void RequestItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {
   auto read = readRequests(*this, conn, target, false);
   const std::string tid = std::to_string(target->targetid());
+  // The reference positions of the whole target, matched by the name rule
+  // here rather than joined on the database: a join on name columns costs a
+  // collation key per row on a server engine.
+  std::unordered_set<std::string> references;
+  {
+    auto refs = conn.execute("SELECT [Request Name], [Data Name] FROM [Donnée_Ref] WHERE [Target Id]=" + tid);
+    for (; !refs->eof(); refs->moveNext()) {
+      references.insert(positionKey(refs->field("Request Name").toText(), refs->field("Data Name").toText()));
+    }
+    refs->close();
+  }
   // One result set for the positions of the whole target, filtered per
   // request.
-  auto rs = conn.openClient(
-      "SELECT [Emplacement Donnée].* , [Donnée_Ref].[Data Name] AS N FROM [Emplacement Donnée] LEFT JOIN "
-      "[Donnée_Ref] ON ([Emplacement Donnée].[Target Id] = [Donnée_Ref].[Target Id] AND [Emplacement "
-      "Donnée].[Data Name] = [Donnée_Ref].[Data Name] AND [Emplacement Donnée].[Request Name] = "
-      "[Donnée_Ref].[Request Name]) WHERE [Emplacement Donnée].[Target Id]=" +
-      tid + " ORDER BY [Emplacement Donnée].[Data Name]");
+  auto rs = conn.openClient("SELECT * FROM [Emplacement Donnée] WHERE [Target Id]=" + tid + " ORDER BY [Data Name]");
   for (const auto& r : read) {
     r->setParent(target);
     auto list = freshPositions(*r);
@@ -468,7 +485,7 @@ void RequestItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetI
       pos->setLittleEndian(detail::boolOr(rs->field("Little Endian"), false));
       pos->setParam(detail::boolOr(rs->field("Param"), false));
       pos->setDataname(rs->field("Data Name").toText());
-      pos->setReference(!rs->field("N").isNull());
+      pos->setReference(references.count(positionKey(r->requestName(), pos->dataname())) > 0);
       detail::linkPositionToData(pos);
     }
   }

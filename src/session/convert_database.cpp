@@ -164,7 +164,9 @@ std::vector<db::TableCopy> convertDatabase(const std::string& source, const std:
   std::vector<db::TableCopy> result;
   try {
     dst = db::openConnection(destination);
-    result = current ? db::copyDatabase(*src->DbConnection(), *dst, progress) : convertOlder(*src, *dst, progress);
+    db::retryOnConflict(*dst, [&] {
+      result = current ? db::copyDatabase(*src->DbConnection(), *dst, progress) : convertOlder(*src, *dst, progress);
+    });
     dst->close();
   } catch (...) {
     // A half-made database is of no use: leave nothing behind.

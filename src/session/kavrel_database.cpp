@@ -257,16 +257,17 @@ void KavrelDatabase::DbDeleteUce() {
   if (!DbConnection_) raise(2, "", "Error database not defined");
   db::Connection& conn = *DbConnection_;
   const std::string id = std::to_string(ActiveTarget_->targetid());
-  {
-    // All or nothing; relations are checked at the end so that categories
-    // can go before the screens that the target's own row takes with it.
+  // All or nothing; relations are checked at the end so that categories
+  // can go before the screens that the target's own row takes with it. Lost
+  // to another writer's conflict, it runs again.
+  db::retryOnConflict(conn, [&] {
     db::Transaction tx(conn);
     conn.deferConstraintChecks();
     conn.execute("DELETE * FROM Catégories WHERE [Target Id]=" + id);
     conn.execute("DELETE * FROM Organes WHERE [Target Id]=" + id);
     conn.execute("DELETE * FROM Cibles WHERE [Target Id]=" + id);
     tx.commit();
-  }
+  });
   ClearTarget();
 }
 
@@ -316,21 +317,25 @@ void KavrelDatabase::importParametersFromXml(const std::string& fileName) {
             "Bad entry in \"" + std::string(section) + "\" of \"" + fileName + "\": " + e.description);
     }
   };
-  FunctionItems functionList;
-  ProtocolItems protocolList;
-  PanneItems failureList;
-  TypeOrganeItems deviceTypeList;
-  load(functionList, "Functions");
-  load(protocolList, "Protocols");
-  load(failureList, "Failures");
-  load(deviceTypeList, "DeviceTypes");
+  // A transaction lost to another writer's conflict runs again, with lists
+  // loaded afresh (the failed attempt gave their entries ids).
+  db::retryOnConflict(conn, [&] {
+    FunctionItems functionList;
+    ProtocolItems protocolList;
+    PanneItems failureList;
+    TypeOrganeItems deviceTypeList;
+    load(functionList, "Functions");
+    load(protocolList, "Protocols");
+    load(failureList, "Failures");
+    load(deviceTypeList, "DeviceTypes");
 
-  db::Transaction tx(conn);
-  functionList.dbInsertAll(conn);
-  protocolList.dbInsertAll(conn);
-  failureList.dbInsertAll(conn);
-  deviceTypeList.dbInsertAll(conn);
-  tx.commit();
+    db::Transaction tx(conn);
+    functionList.dbInsertAll(conn);
+    protocolList.dbInsertAll(conn);
+    failureList.dbInsertAll(conn);
+    deviceTypeList.dbInsertAll(conn);
+    tx.commit();
+  });
 }
 
 // ---- warnings

@@ -75,6 +75,16 @@ TEST_P(RecordsetTest, ClientFilterOnTextsNumbersAndQuotesAgreesWithAScan) {
   EXPECT_EQ(ns("[Request Name]='O''Neil'"), V{2});
   EXPECT_EQ(ns("Request Name = ''"), V{4});
   EXPECT_EQ(ns("[n]=3"), V{3});
+  EXPECT_EQ(ns("[n]='3'"), V{3});  // a number written as text finds an integer
+  EXPECT_EQ(ns("[n]=3.5"), V{});
+  {
+    // A column of integers and Nulls finds both.
+    auto withNull = conn->openClient("SELECT n FROM t UNION ALL SELECT NULL UNION ALL SELECT 4");
+    withNull->filter("[n]=Null");
+    EXPECT_EQ(withNull->recordCount(), 1);
+    withNull->filter("[n]=4");
+    EXPECT_EQ(withNull->recordCount(), 2);
+  }
   EXPECT_EQ(ns("[x]=1.5"), V{3});  // a real
   EXPECT_EQ(ns("[x]=2"), V{4});    // 2.0 stored as a real matches the integer literal
   EXPECT_EQ(ns("[Request Name]='A' AND [n]=1"), V{1});

@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
+#include <latch>
 #include <map>
 #include <set>
+#include <thread>
 #include <tuple>
 
 #include "kavrel/platform/names.h"
@@ -185,6 +188,180 @@ TEST(PostgresNames, NameColumnsCompareAndSortByTheNameRule) {
   for (auto rs = c->execute("SELECT [Data Name] FROM Données ORDER BY [Data Name]"); !rs->eof(); rs->moveNext())
     got.push_back(rs->field(0).toText());
   EXPECT_EQ(got, expected);
+}
+
+}  // namespace
+}  // namespace kavrel::test
+
+namespace kavrel::test {
+namespace {
+
+// Every field of every row, in the order read.
+std::vector<std::vector<std::string>> rowsOf(db::Recordset& rs) {
+  std::vector<std::vector<std::string>> out;
+  for (; !rs.eof(); rs.moveNext()) {
+    std::vector<std::string> row;
+    for (int f = 0; f < rs.fieldCount(); ++f) {
+      const db::Value& v = rs.field(f);
+      row.push_back(v.isNull() ? "<null>" : v.toText());
+    }
+    out.push_back(std::move(row));
+  }
+  return out;
+}
+
+TEST(PostgresOrder, SelectsSortedByTheClientGiveTheServersOrderAndHideTheirSortFields) {
+  TempDb db(Engine::PostgreSQL);
+  auto c = db.connection();
+  c->execute("INSERT INTO Cibles (Address, [Target Name]) VALUES (1, 'T')");
+  // Names that differ by case, accent, length and script; numbers with ties,
+  // Null and NaN.
+  const struct {
+    const char* name;
+    const char* bits;
+    const char* coeff;
+  } rows[] = {{"Vitesse", "8", "1.5"},    {"éclairage", "Null", "Null"}, {"Eclairage B", "16", "'NaN'"},
+              {"Zèbre", "8", "-2"},       {"a", "Null", "0"},           {"Œuf", "16", "1.5"},
+              {"Straße", "1", "Null"},    {"moteur", "8", "'NaN'"},     {"Moteur\t", "1", "1e300"}};
+  for (const auto& r : rows) {
+    c->execute(std::string("INSERT INTO Données ([Target Id], [Data Name], NumberBits, CoeffA, [Unité]) ") +
+               "VALUES (1, " + db::sql::quote(r.name) + ", " + r.bits + ", " + r.coeff + ", " +
+               db::sql::quote(r.name) + ")");
+  }
+  // The server's own order (an updatable result set sorts there) is the
+  // reference for every statement a plain read sorts on the client.
+  for (const char* sql : {
+           "SELECT [Data Name], NumberBits FROM Données ORDER BY [Data Name]",
+           "SELECT [Data Name], NumberBits FROM Données ORDER BY NumberBits DESC, [Data Name] DESC",
+           "SELECT [Data Name], NumberBits, CoeffA FROM Données ORDER BY NumberBits, [Data Name]",
+           "SELECT [Data Name], CoeffA FROM Données ORDER BY CoeffA, [Data Name] DESC",
+           "SELECT [Data Name], CoeffA FROM Données ORDER BY [CoeffA] DESC , Données.[Data Name];",
+           "SELECT [Data Name], [Unité] FROM Données ORDER BY [Unité], [Data Id]",
+           "SELECT * FROM Données ORDER BY [Data Name]",
+       }) {
+    SCOPED_TRACE(sql);
+    auto server = rowsOf(*c->openUpdatable(sql));
+    ASSERT_EQ(server.size(), std::size(rows));
+    EXPECT_EQ(rowsOf(*c->execute(sql)), server);
+    auto client = c->openClient(sql);
+    EXPECT_EQ(rowsOf(*client), server);
+    client->filter("[Data Name]='MOTEUR'");
+    EXPECT_EQ(client->recordCount(), 1);
+  }
+  // A term that is not selected sorts without being shown; a join sorts by
+  // its qualified terms.
+  auto ids = c->execute("SELECT [Data Id] FROM Données ORDER BY [Data Name] DESC");
+  EXPECT_EQ(ids->fieldCount(), 1);
+  EXPECT_THROW(ids->field("kavrel sort 1"), Error);
+  for (const char* label : {"[Data Name]", "'un'"}) {
+    c->execute(std::string("INSERT INTO Listes ([Data Id], Valeur, Numérique, Liste, Libellé) SELECT [Data Id], ") +
+               (label[0] == '[' ? "2" : "1") + ", 0, 0, " + label + " FROM Données");
+  }
+  std::vector<std::vector<std::string>> joined;
+  for (auto rs = c->execute("SELECT Listes.Valeur, Listes.[Libellé] FROM Listes, Données WHERE Données.[Data Id] = "
+                            "Listes.[Data Id] AND Données.[Data Name] IN ('a', 'Zèbre') ORDER BY Listes.[Valeur] "
+                            "DESC, Données.[Data Name] DESC");
+       !rs->eof(); rs->moveNext()) {
+    joined.push_back({rs->field(0).toText(), rs->field(1).toText()});
+  }
+  EXPECT_EQ(joined, (std::vector<std::vector<std::string>>{{"2", "Zèbre"}, {"2", "a"}, {"1", "un"}, {"1", "un"}}));
+}
+
+
+TEST(PostgresConflicts, ADeadlockedUnitOfWorkRunsAgainAndBothWritersSucceed) {
+  TempDb db(Engine::PostgreSQL);
+  {
+    auto c = db.connection();
+    c->execute("INSERT INTO Cibles (Address, [Target Name], [Référence]) VALUES (1, 'A', 0)");
+    c->execute("INSERT INTO Cibles (Address, [Target Name], [Référence]) VALUES (2, 'B', 0)");
+  }
+  // Each writer takes one row, waits until the other holds the other row,
+  // then asks for it: the server fails one of them with a deadlock. Only
+  // the first attempts meet; a second attempt goes straight through.
+  std::latch bothHoldOne(2);
+  std::atomic<int> attempts{0}, undos{0};
+  auto writer = [&](const char* first, const char* second, std::string& failure) {
+    try {
+      auto conn = db::openConnection(db.path());
+      recordError(7, "", "pending before");
+      bool firstAttempt = true;
+      db::retryOnConflict(
+          *conn,
+          [&] {
+            ++attempts;
+            db::Transaction tx(*conn);
+            conn->execute(std::string("UPDATE Cibles SET [Référence]=[Référence]+1 WHERE [Target Name]='") + first +
+                          "'");
+            if (firstAttempt) {
+              firstAttempt = false;
+              bothHoldOne.arrive_and_wait();
+            }
+            recordError(9, "", "left by the attempt");
+            conn->execute(std::string("UPDATE Cibles SET [Référence]=[Référence]+10 WHERE [Target Name]='") +
+                          second + "'");
+            tx.commit();
+          },
+          [&] {
+            ++undos;
+            if (lastError().number != 7) failure = "the last-error record was not put back";
+          });
+      EXPECT_EQ(conn->transactionDepth(), 0);
+    } catch (const Error& e) {
+      failure = e.description();
+    }
+  };
+  std::string failureA, failureB;
+  std::thread a(writer, "A", "B", std::ref(failureA));
+  std::thread b(writer, "B", "A", std::ref(failureB));
+  a.join();
+  b.join();
+  EXPECT_EQ(failureA, "");
+  EXPECT_EQ(failureB, "");
+  EXPECT_EQ(attempts.load(), 3);
+  EXPECT_EQ(undos.load(), 1);
+  // Every committed attempt counted once on each row, the lost one not at all.
+  auto c = db.connection();
+  EXPECT_EQ(joinedRows(*c, "SELECT [Target Name] || '=' || [Référence] FROM Cibles ORDER BY [Target Name]"),
+            "A=11,B=11");
+}
+
+TEST(PostgresConflicts, OnlyDeadlocksAndSerializationFailuresAreConflictsAndOthersAreNotRetried) {
+  TempDb db(Engine::PostgreSQL);
+  auto c = db.connection();
+  for (const char* state : {"40P01", "40001", "55P03", "23505"}) {
+    const DbError e = thrownBy<DbError>([&] {
+      c->execute(std::string("DO $$BEGIN RAISE EXCEPTION 'provoked' USING ERRCODE = '") + state + "'; END$$");
+    });
+    const bool conflict = std::string(state).rfind("40", 0) == 0;
+    EXPECT_EQ(db::isConflict(e), conflict) << state;
+    if (state[0] == '4' && state[1] == '0') continue;  // retried by the engine outside a transaction
+    int runs = 0;
+    EXPECT_THROW(db::retryOnConflict(*c, [&] {
+      ++runs;
+      throw e;
+    }),
+                 Error);
+    EXPECT_EQ(runs, 1) << state;
+  }
+  // A conflict that lasts is thrown as it came after the last attempt; inside
+  // a transaction the work runs once.
+  const DbError conflict(5, "PostgreSQL", "deadlock detected [40P01]", 5 | (4 << 8), "deadlock detected");
+  int runs = 0;
+  EXPECT_THROW(db::retryOnConflict(*c, [&] {
+    ++runs;
+    throw conflict;
+  }),
+               DbError);
+  EXPECT_EQ(runs, db::kConflictAttempts);
+  runs = 0;
+  db::Transaction outer(*c);
+  EXPECT_THROW(db::retryOnConflict(*c, [&] {
+    ++runs;
+    throw conflict;
+  }),
+               DbError);
+  EXPECT_EQ(runs, 1);
+  EXPECT_FALSE(db::isConflict(Error(5, "", "deadlock detected [40P01]")));
 }
 
 }  // namespace

@@ -519,80 +519,90 @@ int runImport(const ImportOptions& o) {
   auto session = openSession(database, false);
   const std::shared_ptr<db::Connection> connection = session->DbConnection();
   db::Connection& conn = *connection;
-  {
-    db::Transaction snapshot(conn, db::Transaction::Kind::Read);
-    clearLastError();
-    session->DbRead();
-    throwIfPending();
-    snapshot.commit();
-  }
-
   // What the import skips or changes is collected, not printed as it comes.
   auto report = std::make_shared<ImportReport>();
   ScopedHost collecting(report);
 
-  // The document is read before the write lock is taken, so that several
-  // imports at once wait only for each other's writes, not their parsing.
-  // Without its connection the session writes nothing meanwhile; the CAN
-  // identifiers the document gives a function are written below, under
-  // the lock.
-  std::map<const FunctionItem*, std::pair<int32_t, int32_t>> canBefore;
-  if (auto functions = session->functions())
-    for (const auto& f : *functions) canBefore[f.get()] = {f->CanXId(), f->CanRId()};
-  session->setDbConnection(nullptr);
-  try {
-    session->ImportUceFromXml(file);
-  } catch (const Error&) {
-    session->setDbConnection(connection);
-    explainUnreadable(file);
-    std::cerr << file << ": the target cannot be read; nothing was imported\n";
-    throw;
-  }
-  session->setDbConnection(connection);
-  auto target = session->ActiveTarget();
-  if (target->name().empty()) fail(1, "import", "'" + file + "' holds a target without a name; nothing was imported");
-
-  // One transaction: the function's CAN identifiers, the old target's
-  // deletion and the insertion stand or fall together. Taking it waits for
-  // another writer up to the lock timeout.
-  db::Transaction tx(conn);
-  if (auto functions = session->functions())
-    for (const auto& f : *functions) {
-      auto was = canBefore.find(f.get());
-      if (was != canBefore.end() && was->second != std::make_pair(f->CanXId(), f->CanRId())) f->dbUpdate(conn);
-    }
-  // Another writer importing the same name waits here until this import
-  // ends, then finds the target stored.
-  conn.lockKey("target " + names::key(target->name()));
-
-  int32_t address = 0;
-  int32_t targetid = 0;
-  const bool exists = session->DbFindUceByName(target->name(), address, targetid);
-  if (exists && !o.replace)
-    fail(2, "import",
-         "Target '" + target->name() + "' already exists in " + database + " (use --replace to replace it)");
-  if (exists) deleteStoredTarget(*session, address, targetid);
-
-  clearLastError();
-  target->dbInsertTargetAll(conn);  // an engine failure (disk full, ...) throws here, once
+  std::shared_ptr<TargetItem> target;
+  bool exists = false;
   std::optional<ErrorRecord> pending;
-  if (lastError().pending()) pending = lastError();
-  clearLastError();
-  try {
-    verifyStored(conn, *target);
-    if (o.strict && !report->empty()) {
-      const auto first = report->kept().front();
-      fail(1, "import",
-           "strict import of '" + file + "': " + describeReport(*report) + " (first: " +
-               (first.path.empty() ? "" : first.path + ": ") + oneLine(first.text) + "); nothing was imported");
+  // Each attempt starts from the catalogues as stored and the document as
+  // read: one that another writer's conflict failed (a deadlock on a server)
+  // left nothing behind and runs again whole (db::retryOnConflict).
+  db::retryOnConflict(conn, [&] {
+    report->clear();
+    {
+      db::Transaction snapshot(conn, db::Transaction::Kind::Read);
+      clearLastError();
+      session->DbRead();
+      throwIfPending();
+      snapshot.commit();
     }
-  } catch (const DbError&) {
-    throw;
-  } catch (const Error&) {
-    printReport(*report, file);
-    throw;
-  }
-  tx.commit();
+
+    // The document is read before the write lock is taken, so that several
+    // imports at once wait only for each other's writes, not their parsing.
+    // Without its connection the session writes nothing meanwhile; the CAN
+    // identifiers the document gives a function are written below, under
+    // the lock.
+    std::map<const FunctionItem*, std::pair<int32_t, int32_t>> canBefore;
+    if (auto functions = session->functions())
+      for (const auto& f : *functions) canBefore[f.get()] = {f->CanXId(), f->CanRId()};
+    session->setDbConnection(nullptr);
+    try {
+      session->ImportUceFromXml(file);
+    } catch (const Error&) {
+      session->setDbConnection(connection);
+      explainUnreadable(file);
+      std::cerr << file << ": the target cannot be read; nothing was imported\n";
+      throw;
+    }
+    session->setDbConnection(connection);
+    target = session->ActiveTarget();
+    if (target->name().empty())
+      fail(1, "import", "'" + file + "' holds a target without a name; nothing was imported");
+
+    // One transaction: the function's CAN identifiers, the old target's
+    // deletion and the insertion stand or fall together. Taking it waits for
+    // another writer up to the lock timeout.
+    db::Transaction tx(conn);
+    if (auto functions = session->functions())
+      for (const auto& f : *functions) {
+        auto was = canBefore.find(f.get());
+        if (was != canBefore.end() && was->second != std::make_pair(f->CanXId(), f->CanRId())) f->dbUpdate(conn);
+      }
+    // Another writer importing the same name waits here until this import
+    // ends, then finds the target stored.
+    conn.lockKey("target " + names::key(target->name()));
+
+    int32_t address = 0;
+    int32_t targetid = 0;
+    exists = session->DbFindUceByName(target->name(), address, targetid);
+    if (exists && !o.replace)
+      fail(2, "import",
+           "Target '" + target->name() + "' already exists in " + database + " (use --replace to replace it)");
+    if (exists) deleteStoredTarget(*session, address, targetid);
+
+    clearLastError();
+    target->dbInsertTargetAll(conn);  // an engine failure (disk full, ...) throws here, once
+    pending.reset();
+    if (lastError().pending()) pending = lastError();
+    clearLastError();
+    try {
+      verifyStored(conn, *target);
+      if (o.strict && !report->empty()) {
+        const auto first = report->kept().front();
+        fail(1, "import",
+             "strict import of '" + file + "': " + describeReport(*report) + " (first: " +
+                 (first.path.empty() ? "" : first.path + ": ") + oneLine(first.text) + "); nothing was imported");
+      }
+    } catch (const DbError&) {
+      throw;
+    } catch (const Error&) {
+      printReport(*report, file);
+      throw;
+    }
+    tx.commit();
+  });
   printReport(*report, file);
   if (pending) std::cerr << "warning (" << pending->reportedSource() << "): " << oneLine(pending->description) << '\n';
   const std::string line = std::string(exists ? "replaced '" : "imported '") + target->name() + "' (address " +
@@ -628,13 +638,16 @@ int runDelete(const std::string& database, const std::string& target, const std:
   auto session = openSession(database, false);
   db::Connection& conn = *session->DbConnection();
   // Found and deleted under the write lock: nobody replaces it in between.
-  db::Transaction tx(conn);
+  // Lost to another writer's conflict, it runs again (db::retryOnConflict).
   int32_t address = 0;
   int32_t targetid = 0;
-  if (!session->DbFindUceByName(target, address, targetid))
-    fail(1, "delete", "Target '" + target + "' not found in " + database);
-  deleteStoredTarget(*session, address, targetid);
-  tx.commit();
+  db::retryOnConflict(conn, [&] {
+    db::Transaction tx(conn);
+    if (!session->DbFindUceByName(target, address, targetid))
+      fail(1, "delete", "Target '" + target + "' not found in " + database);
+    deleteStoredTarget(*session, address, targetid);
+    tx.commit();
+  });
   session->DbClose();
   writeStdout("deleted '" + target + "' (address " + std::to_string(address) + ", id " + std::to_string(targetid) +
                   ") from " + database + "\n",

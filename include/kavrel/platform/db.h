@@ -181,6 +181,31 @@ class Connection {
 // they wrote rolled back.
 bool isRowRefusal(const Error& e);
 
+// Whether a failure is a conflict with another connection that the engine
+// resolved by failing this one's transaction: a deadlock or a serialization
+// failure on the server (whose transaction is then of no use: its unit of
+// work must run again from its start), or on SQLite a read transaction that
+// can no longer become a write one (BUSY_SNAPSHOT). A lock not had within the
+// lock timeout is not a conflict: the caller was told how long to wait. The
+// DbError keeps saying so when an item class re-raises it with a prefix; an
+// error that reached the caller only through the last-error record does not.
+bool isConflict(const Error& e);
+
+// Runs `work`, one unit of work that opens and commits its own outermost
+// transaction on `conn`, and runs it again when it fails with a conflict
+// (isConflict), up to kConflictAttempts attempts in all, each after a short
+// random pause (a few milliseconds, doubling) so that the two sides of a
+// deadlock do not meet again. Before each new attempt every transaction
+// level the failed attempt left open is rolled back, the last-error record
+// is put back as it was before the first attempt, and `undo` (when given)
+// puts back what the attempt changed in memory (ids read back, changed
+// flags, collected reports): `work` must find everything as the first
+// attempt did. Any other failure, and the conflict of the last attempt, is
+// thrown as it came. Called inside a transaction, `work` runs once: only the
+// outermost transaction can be run again.
+inline constexpr int kConflictAttempts = 5;
+void retryOnConflict(Connection& conn, const std::function<void()>& work, const std::function<void()>& undo = {});
+
 // Rolls back on destruction unless committed (nest freely). A Read one
 // (Connection::beginRead) gives one snapshot to the reads inside it.
 class Transaction {

@@ -25,7 +25,10 @@
 //  - Any other source gets the identity check's recorded error, thrown:
 //    3 (no [system] table), 4 (no version row), 5 (another version).
 // On any failure the error is thrown and no destination file is left (on a
-// server: the tables made are dropped again).
+// server: the tables made are dropped again). A copy whose transaction
+// another writer's conflict fails (db::isConflict: someone writing into the
+// new server database meanwhile) runs again from its start; `progress` then
+// hears the tables of the new attempt from the first one again.
 #pragma once
 
 #include <functional>

@@ -23,6 +23,9 @@
 // Where this library keeps data safer than the legacy sequence:
 //  - DbDeleteUce() and TargetItem's whole-target insert run in one
 //    transaction: a failure leaves the database as it was;
+//  - DbDeleteUce() and importParametersFromXml(), called outside a
+//    transaction, run again when another writer's conflict (a deadlock on a
+//    server) fails their transaction (db::retryOnConflict);
 //  - a failed DbOpen() leaves the session closed (no half-open connection).
 //
 // Error modes follow each method's documentation: "throws" means a

@@ -13,6 +13,13 @@
 
 namespace kavrel::db::postgres {
 
+// The backend code of a DbError for a deadlock or a serialization failure:
+// the embedded engine's "busy" in its low byte (a fault, not a refused row),
+// marked as a conflict above it.
+inline constexpr int kConflictCode = 5 | (4 << 8);
+// The source of this engine's errors.
+inline constexpr const char* kErrorSource = "PostgreSQL";
+
 // True for "postgresql://..." and "postgres://..." (any letter case).
 bool isUri(std::string_view s);
 // True for a provider name that means this engine.

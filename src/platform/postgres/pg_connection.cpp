@@ -42,6 +42,9 @@ class PgConnection final : public Connection {
   ~PgConnection() override { db_->close(); }
 
   std::unique_ptr<Recordset> execute(std::string_view sql) override {
+    if (auto sorted = runClientSorted(sql)) {
+      return makeForwardRecordset(db_, std::move(sorted->first), sql, std::move(sorted->second));
+    }
     std::string adapted = db_->adapt(sql);
     Result r = db_->run(adapted, {}, sql);
     if (PQresultStatus(r.get()) == PGRES_TUPLES_OK) return makeForwardRecordset(db_, std::move(r), sql);
@@ -56,6 +59,9 @@ class PgConnection final : public Connection {
   int64_t recordsAffected() const override { return db_->recordsAffected; }
 
   std::unique_ptr<ClientRecordset> openClient(std::string_view sql) override {
+    if (auto sorted = runClientSorted(sql)) {
+      return makeClientRecordset(db_, std::move(sorted->first), sql, std::move(sorted->second));
+    }
     std::string adapted = db_->adapt(sql);
     return makeClientRecordset(db_, db_->run(adapted, {}, sql), sql);
   }
@@ -136,6 +142,33 @@ class PgConnection final : public Connection {
 
  private:
   static std::string savepoint(int level) { return "kavrel_level_" + std::to_string(level); }
+
+  // Runs a SELECT that the client sorts (see adaptSelect), or gives nullopt
+  // for the caller to run the statement as the server sorts it: any other
+  // statement, a term the client cannot order, or a text the changed
+  // statement does not take (the server's own form then reports its error).
+  std::optional<std::pair<Result, RowOrder>> runClientSorted(std::string_view sql) {
+    ClientSortedSelect select;
+    try {
+      select = adaptSelect(sql);
+    } catch (const DbError&) {
+      return std::nullopt;  // adapt() records the refusal
+    }
+    if (select.terms.empty()) return std::nullopt;
+    const std::vector<DbError> before = db_->errors();
+    Result r;
+    try {
+      r = db_->run(select.sql, {}, sql);
+    } catch (const DbError&) {
+      db_->errors() = before;
+      return std::nullopt;
+    }
+    if (PQresultStatus(r.get()) != PGRES_TUPLES_OK) return std::nullopt;
+    auto order = clientOrder(r.get(), select.terms);
+    if (!order) return std::nullopt;
+    RowOrder rows{PQnfields(r.get()) - static_cast<int>(select.terms.size()), std::move(*order)};
+    return std::make_pair(std::move(r), std::move(rows));
+  }
 
   // A transaction the server ended (a lost connection) is forgotten.
   bool syncDepth() {

@@ -136,7 +136,7 @@ DbError Database::errorOf(const Result& r, std::string_view sql) const {
   }
   int code = codeFor(state);
   std::string shown = state.empty() ? message : message + " [" + state + "]";
-  return DbError(code, kSource, describe(shown, sql), code, message);
+  return DbError(code, kSource, describe(shown, sql), isRetryable(state) ? kConflictCode : code, message);
 }
 
 void Database::fail(const Result& r, std::string_view sql) { fail(errorOf(r, sql)); }

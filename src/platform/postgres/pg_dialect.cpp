@@ -290,7 +290,8 @@ std::string adaptSql(std::string_view sql) {
         continue;
       }
     }
-    if (inOrderBy && depth == 0 && t.kind == Kind::Other && t.raw == ",") termStart = true;
+    const bool termComma = inOrderBy && depth == 0 && t.kind == Kind::Other && t.raw == ",";
+    if (termComma) termStart = true;
     if (inOrderBy && termStart && isName(t) && !isWord(t, "asc") && !isWord(t, "desc")) {
       termStart = false;
       // [qualifier.]name followed by ASC, DESC, a comma or the end.
@@ -312,7 +313,7 @@ std::string adaptSql(std::string_view sql) {
         i = last;
         continue;
       }
-    } else if (inOrderBy && t.kind != Kind::Blank) {
+    } else if (inOrderBy && t.kind != Kind::Blank && !termComma) {
       termStart = false;
     }
     if (createTable && t.kind == Kind::Word) {
@@ -347,6 +348,83 @@ std::string adaptSql(std::string_view sql) {
     }
   }
   endTerm();
+  return out;
+}
+
+ClientSortedSelect adaptSelect(std::string_view sql) {
+  ClientSortedSelect out;
+  auto tokens = tokenize(sql);
+  std::vector<size_t> offsets(tokens.size() + 1, 0);
+  for (size_t i = 0; i < tokens.size(); ++i) offsets[i + 1] = offsets[i] + tokens[i].raw.size();
+  auto serverSorted = [&] {
+    out.sql = adaptSql(sql);
+    out.terms.clear();
+    return out;
+  };
+  size_t i = nextSolid(tokens, 0);
+  if (i >= tokens.size() || !isWord(tokens[i], "select")) return serverSorted();
+  // DISTINCT would count the hidden sort fields in what makes rows distinct.
+  size_t second = nextSolid(tokens, i + 1);
+  if (second < tokens.size() && isWord(tokens[second], "distinct")) return serverSorted();
+  int depth = 0;
+  size_t from = std::string_view::npos, order = std::string_view::npos;
+  for (; i < tokens.size(); ++i) {
+    const Token& t = tokens[i];
+    if (t.raw == "(") ++depth;
+    if (t.raw == ")") --depth;
+    if (depth != 0) continue;
+    if (isWord(t, "union") || isWord(t, "intersect") || isWord(t, "except")) return serverSorted();
+    if (from == std::string_view::npos && isWord(t, "from")) from = i;
+    if (isWord(t, "order")) {
+      size_t by = nextSolid(tokens, i + 1);
+      if (by < tokens.size() && isWord(tokens[by], "by")) {
+        order = i;
+        i = by + 1;
+        break;
+      }
+    }
+  }
+  if (from == std::string_view::npos || order == std::string_view::npos) return serverSorted();
+  // Terms: [qualifier.]name [ASC|DESC], separated by commas; anything else
+  // (expressions, positions, NULLS FIRST, LIMIT, ...) is left to the server.
+  const SchemaBook& book = schemaBook();
+  std::string hidden;
+  for (;;) {
+    size_t n = nextSolid(tokens, i);
+    if (n >= tokens.size() || !isName(tokens[n]) || isWord(tokens[n], "asc") || isWord(tokens[n], "desc")) {
+      return serverSorted();
+    }
+    size_t last = n;
+    size_t dot = nextSolid(tokens, n + 1);
+    if (dot < tokens.size() && tokens[dot].raw == ".") {
+      last = nextSolid(tokens, dot + 1);
+      if (last >= tokens.size() || !isName(tokens[last])) return serverSorted();
+    }
+    ClientSortTerm term;
+    term.name = book.nameColumns.count(memory::foldName(tokens[last].ident)) > 0;
+    hidden += ", " + std::string(sql.substr(offsets[n], offsets[last + 1] - offsets[n])) + " AS [kavrel sort " +
+              std::to_string(out.terms.size() + 1) + "]";
+    size_t after = nextSolid(tokens, last + 1);
+    if (after < tokens.size() && (isWord(tokens[after], "asc") || isWord(tokens[after], "desc"))) {
+      term.descending = isWord(tokens[after], "desc");
+      after = nextSolid(tokens, after + 1);
+    }
+    out.terms.push_back(term);
+    if (after < tokens.size() && tokens[after].raw == ",") {
+      i = after + 1;
+      continue;
+    }
+    // Only the end of the text (or its semicolon) may follow.
+    for (size_t k = after; k < tokens.size(); ++k) {
+      if (tokens[k].kind != Kind::Blank && tokens[k].raw != ";") return serverSorted();
+    }
+    break;
+  }
+  std::string legacy(sql.substr(0, offsets[from]));
+  legacy += hidden;
+  legacy += ' ';
+  legacy.append(sql.substr(offsets[from], offsets[order] - offsets[from]));
+  out.sql = adaptSql(legacy);
   return out;
 }
 

@@ -13,12 +13,13 @@
 #include <vector>
 
 #include "kavrel/platform/db.h"
+#include "platform/postgres/pg_backend.h"
 #include "platform/memory_recordset.h"
 #include "platform/postgres/pg_handle.h"
 
 namespace kavrel::db::postgres {
 
-inline constexpr const char* kSource = "PostgreSQL";
+inline constexpr const char* kSource = kErrorSource;
 
 // A statement parameter: text, or no value for Null. The server gives it the
 // type its place asks for.
@@ -135,6 +136,29 @@ class Database {
 // and table definitions take the engine's types. A second statement is
 // refused.
 std::string adaptSql(std::string_view sql);
+// A SELECT's ORDER BY is sorted here rather than on the server, which would
+// evaluate the name rule's key per row and sort with its own collation (and
+// sorts a large result on disk): the statement drops its ORDER BY and
+// returns each term as a hidden trailing field instead, and clientOrder()
+// gives the row order. Name columns compare by the name rule, other terms as
+// numbers (nulls last ascending, first descending, NaN after every number,
+// as the server puts them); ties keep the server's order.
+struct ClientSortTerm {
+  bool name = false;        // a column sorted by the name rule
+  bool descending = false;
+};
+struct ClientSortedSelect {
+  std::string sql;                   // the statement the server runs
+  std::vector<ClientSortTerm> terms; // empty: the server sorts (sql is adaptSql())
+};
+// Any statement; only a plain SELECT with an ORDER BY of [qualifier.]column
+// terms is sorted here.
+ClientSortedSelect adaptSelect(std::string_view sql);
+// The order in which to read the rows of `r`, whose last terms.size() fields
+// are the terms; nullopt when a term that is not a name is not a number
+// either (its order is the server's collation: the server must sort).
+std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector<ClientSortTerm>& terms);
+
 // The display spelling of a stored (lower-case) name: as the schema or the
 // statement wrote it.
 std::string displayName(const std::string& stored, std::string_view sql);
@@ -153,8 +177,16 @@ bool readsOneTable(std::string_view select);
 // The schema as the engine takes it, generated from the one schema text.
 std::string schemaScript(std::string_view legacySchema);
 
-std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql);
-std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql);
+// The result sets of a query result. With `order`, rows are read in that
+// order and the fields past `visible` (the hidden sort terms) are not shown.
+struct RowOrder {
+  int visible = -1;           // fields shown; -1: all
+  std::vector<int> rows;      // empty: the result's own order
+};
+std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql,
+                                                RowOrder order = {});
+std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql,
+                                                     RowOrder order = {});
 std::unique_ptr<UpdatableRecordset> makeUpdatableRecordset(std::shared_ptr<Database> db, std::string_view sql);
 
 }  // namespace kavrel::db::postgres

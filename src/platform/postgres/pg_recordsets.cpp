@@ -8,7 +8,10 @@
 // column read back with it, so that a refused row is reported by the
 // update() that wrote it.
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
 
+#include "kavrel/platform/names.h"
 #include "platform/postgres/pg_internal.h"
 
 namespace kavrel::db::postgres {
@@ -21,6 +24,10 @@ using memory::throwRecordsetError;
 
 namespace {
 
+// Type numbers of the server's built-in types the client sort reads.
+constexpr Oid kBool = 16, kInt8 = 20, kInt2 = 21, kInt4 = 23, kText = 25, kOid = 26, kFloat4 = 700,
+              kFloat8 = 701, kBpchar = 1042, kVarchar = 1043, kNumeric = 1700;
+
 FieldNames namesOf(const PGresult* r, std::string_view sql, int count) {
   FieldNames names;
   for (int i = 0; i < count; ++i) names.add(displayName(PQfname(r, i), sql));
@@ -29,8 +36,11 @@ FieldNames namesOf(const PGresult* r, std::string_view sql, int count) {
 
 class ForwardRecordset final : public Recordset {
  public:
-  ForwardRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql)
-      : db_(std::move(db)), result_(std::move(r)), names_(namesOf(result_.get(), sql, PQnfields(result_.get()))) {
+  ForwardRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql, RowOrder order)
+      : db_(std::move(db)),
+        result_(std::move(r)),
+        names_(namesOf(result_.get(), sql, order.visible < 0 ? PQnfields(result_.get()) : order.visible)),
+        order_(std::move(order.rows)) {
     rows_ = PQntuples(result_.get());
     row_.resize(static_cast<size_t>(names_.size()));
     load();
@@ -86,12 +96,14 @@ class ForwardRecordset final : public Recordset {
 
   void load() {
     if (pos_ >= rows_) return;
-    for (int i = 0; i < names_.size(); ++i) row_[static_cast<size_t>(i)] = fieldValue(result_.get(), pos_, i);
+    const int row = order_.empty() ? pos_ : order_[static_cast<size_t>(pos_)];
+    for (int i = 0; i < names_.size(); ++i) row_[static_cast<size_t>(i)] = fieldValue(result_.get(), row, i);
   }
 
   std::shared_ptr<Database> db_;
   Result result_;
   FieldNames names_;
+  std::vector<int> order_;
   std::vector<Value> row_;
   int rows_ = 0;
   int pos_ = 0;
@@ -384,21 +396,110 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
   bool closed_ = false;
 };
 
+// One sort term's values, read once: the name rule's keys, or numbers.
+struct TermColumn {
+  ClientSortTerm term;
+  bool integer = false;
+  std::vector<char> nulls;
+  // The name rule's keys of every row, end to end in one text (no
+  // allocation per row): row r's key is keys.substr(spans[r]).
+  std::string keys;
+  std::vector<std::pair<uint32_t, uint32_t>> spans;
+  std::vector<int64_t> integers;
+  std::vector<double> reals;
+
+  // <0, 0, >0 with nulls after every value, then the direction applied.
+  int compare(int a, int b) const {
+    int c = 0;
+    const auto ua = static_cast<size_t>(a), ub = static_cast<size_t>(b);
+    if (nulls[ua] || nulls[ub]) {
+      c = nulls[ua] - nulls[ub];
+    } else if (term.name) {
+      const std::string_view all(keys);
+      c = names::compareKeys(all.substr(spans[ua].first, spans[ua].second),
+                             all.substr(spans[ub].first, spans[ub].second));
+    } else if (integer) {
+      c = (integers[ua] > integers[ub]) - (integers[ua] < integers[ub]);
+    } else {
+      // NaN after every other number, as the server sorts it.
+      const double x = reals[ua], y = reals[ub];
+      c = std::isnan(x) || std::isnan(y) ? std::isnan(x) - std::isnan(y) : (x > y) - (x < y);
+    }
+    return term.descending ? -c : c;
+  }
+};
+
 }  // namespace
 
-std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql) {
-  return std::make_unique<ForwardRecordset>(std::move(db), std::move(r), sql);
+std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector<ClientSortTerm>& terms) {
+  const int rows = PQntuples(r);
+  const int first = PQnfields(r) - static_cast<int>(terms.size());
+  std::vector<TermColumn> columns(terms.size());
+  for (size_t k = 0; k < terms.size(); ++k) {
+    TermColumn& c = columns[k];
+    c.term = terms[k];
+    const int f = first + static_cast<int>(k);
+    const Oid type = PQftype(r, f);
+    const bool text = type == kText || type == kVarchar || type == kBpchar;
+    c.integer = type == kInt2 || type == kInt4 || type == kInt8 || type == kOid || type == kBool;
+    const bool real = type == kFloat4 || type == kFloat8 || type == kNumeric;
+    // A name column that is not text, or any other text, sorts on the server.
+    if (c.term.name ? !text : !(c.integer || real)) return std::nullopt;
+    c.nulls.resize(static_cast<size_t>(rows));
+    if (c.term.name) c.spans.resize(static_cast<size_t>(rows));
+    if (c.integer) c.integers.resize(static_cast<size_t>(rows));
+    if (real) c.reals.resize(static_cast<size_t>(rows));
+    for (int row = 0; row < rows; ++row) {
+      const auto at = static_cast<size_t>(row);
+      if ((c.nulls[at] = static_cast<char>(PQgetisnull(r, row, f))) != 0) continue;
+      const char* v = PQgetvalue(r, row, f);
+      if (c.term.name) {
+        const std::string_view name(v, static_cast<size_t>(PQgetlength(r, row, f)));
+        const size_t start = c.keys.size();
+        if (std::all_of(name.begin(), name.end(), [](char ch) { return static_cast<unsigned char>(ch) < 0x80; })) {
+          // An ASCII name's key is the name with A-Z lowered.
+          for (char ch : name) c.keys += ch >= 'A' && ch <= 'Z' ? static_cast<char>(ch - 'A' + 'a') : ch;
+        } else {
+          c.keys += names::key(name);
+        }
+        c.spans[at] = {static_cast<uint32_t>(start), static_cast<uint32_t>(c.keys.size() - start)};
+      } else if (type == kBool) {
+        c.integers[at] = v[0] == 't' ? 1 : 0;
+      } else if (c.integer) {
+        c.integers[at] = std::strtoll(v, nullptr, 10);
+      } else {
+        // Exact decimals beyond a double's precision are not in the schema.
+        c.reals[at] = std::strtod(v, nullptr);
+      }
+    }
+  }
+  std::vector<int> order(static_cast<size_t>(rows));
+  for (int row = 0; row < rows; ++row) order[static_cast<size_t>(row)] = row;
+  std::stable_sort(order.begin(), order.end(), [&](int a, int b) {
+    for (const TermColumn& c : columns) {
+      if (int d = c.compare(a, b)) return d < 0;
+    }
+    return false;
+  });
+  return order;
 }
 
-std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database>, Result r, std::string_view sql) {
+std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, Result r, std::string_view sql,
+                                                RowOrder order) {
+  return std::make_unique<ForwardRecordset>(std::move(db), std::move(r), sql, std::move(order));
+}
+
+std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database>, Result r, std::string_view sql,
+                                                     RowOrder order) {
   const PGresult* res = r.get();
-  const int fields = PQnfields(res);
+  const int fields = order.visible < 0 ? PQnfields(res) : order.visible;
   const int rows = PQntuples(res);
-  int row = 0;
+  int pos = 0;
   return memory::makeClientRecordset(namesOf(res, sql, fields), [&](Value* out) {
-    if (row >= rows) return false;
+    if (pos >= rows) return false;
+    const int row = order.rows.empty() ? pos : order.rows[static_cast<size_t>(pos)];
     for (int f = 0; f < fields; ++f) out[f] = fieldValue(res, row, f);
-    ++row;
+    ++pos;
     return true;
   });
 }
