@@ -141,8 +141,9 @@ std::string adaptSql(std::string_view sql);
 // sorts a large result on disk): the statement drops its ORDER BY and
 // returns each term as a hidden trailing field instead, and clientOrder()
 // gives the row order. Name columns compare by the name rule, other terms as
-// numbers (nulls last ascending, first descending, NaN after every number,
-// as the server puts them); ties keep the server's order.
+// numbers (nulls first ascending, last descending, as the embedded engine
+// and the adapted server statements put them; NaN after every number); ties
+// keep the server's order.
 struct ClientSortTerm {
   bool name = false;        // a column sorted by the name rule
   bool descending = false;

@@ -408,12 +408,13 @@ struct TermColumn {
   std::vector<int64_t> integers;
   std::vector<double> reals;
 
-  // <0, 0, >0 with nulls after every value, then the direction applied.
+  // <0, 0, >0 with nulls before every value (the embedded engine's order),
+  // then the direction applied.
   int compare(int a, int b) const {
     int c = 0;
     const auto ua = static_cast<size_t>(a), ub = static_cast<size_t>(b);
     if (nulls[ua] || nulls[ub]) {
-      c = nulls[ua] - nulls[ub];
+      c = nulls[ub] - nulls[ua];
     } else if (term.name) {
       const std::string_view all(keys);
       c = names::compareKeys(all.substr(spans[ua].first, spans[ua].second),
