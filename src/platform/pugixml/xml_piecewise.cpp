@@ -1,0 +1,494 @@
+// Document::loadPiecewise's two passes (see xml_piecewise.h).
+#include "platform/pugixml/xml_piecewise.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <utility>
+
+#include "kavrel/error.h"
+#include "platform/pugixml/xml_encoding.h"
+
+namespace kavrel::xml::detail {
+
+namespace {
+
+constexpr size_t kReadBytes = size_t{1} << 20;
+// Checked content is parsed in batches of about this size: the parser's
+// tree of a batch (ten times its size at worst) bounds the scan's memory.
+constexpr size_t kBatchBytes = size_t{1} << 20;
+
+bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+bool isXmlName(std::string_view name) {
+  if (name.size() != 3) return false;
+  return (name[0] | 0x20) == 'x' && (name[1] | 0x20) == 'm' && (name[2] | 0x20) == 'l';
+}
+
+std::string endTag(const std::string& name) { return "</" + name + ">"; }
+
+}  // namespace
+
+// Pass 1 (a friend of PiecewiseFile: it fills its sections).
+class PiecewiseScanner {
+ public:
+  PiecewiseScanner(PiecewiseFile& file, const PiecewiseLayout& layout) : file_(file), layout_(layout) {}
+
+  // False: load the document whole.
+  bool run(std::string& skeleton);
+
+ private:
+  enum class Kind { Text, Start, Empty, End, Comment, CData, Instruction, DocType, End_of_file, Bad };
+  struct Token {
+    Kind kind = Kind::Bad;
+    uint64_t end = 0;
+    std::string_view name;  // valid until the window moves
+  };
+  enum class Subtree { Kept, Other, Child };
+
+  // ---- the window over the file
+  const char* at(uint64_t offset) const { return window_.data() + (offset - base_); }
+  uint64_t windowEnd() const { return base_ + window_.size(); }
+  // Reads more of the file (at least what the window holds again, so that a
+  // token read again from its start costs linear time overall).
+  bool fill() {
+    if (eof_) return false;
+    const size_t want = std::max(kReadBytes, window_.size());
+    const size_t old = window_.size();
+    window_.resize(old + want);
+    size_t got = 0;
+    while (got < want) {
+      const ssize_t n = ::read(file_.fd_, window_.data() + old + got, want - got);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) {
+        failed_ = true;
+        break;
+      }
+      if (n == 0) {
+        eof_ = true;
+        break;
+      }
+      got += static_cast<size_t>(n);
+    }
+    window_.resize(old + got);
+    return got > 0;
+  }
+  void dropBefore(uint64_t pin) {
+    const uint64_t drop = pin - base_;
+    if (drop < kReadBytes || drop < window_.size() / 2) return;
+    window_.erase(0, static_cast<size_t>(drop));
+    base_ = pin;
+  }
+  // Finds `what` from `from` on, reading on as needed; npos-like max at the end.
+  uint64_t find(uint64_t from, std::string_view what) {
+    uint64_t start = from;
+    for (;;) {
+      const std::string_view have(at(start), static_cast<size_t>(windowEnd() - start));
+      const size_t i = have.find(what);
+      if (i != std::string_view::npos) return start + i;
+      // Look again from where a match could still begin.
+      const uint64_t keep = what.size() > 1 ? what.size() - 1 : 0;
+      start = std::max(start, windowEnd() > keep ? windowEnd() - keep : start);
+      if (!fill()) return std::numeric_limits<uint64_t>::max();
+    }
+  }
+  bool ensure(uint64_t offset) {
+    while (offset >= windowEnd())
+      if (!fill()) return false;
+    return true;
+  }
+
+  Token token(uint64_t p);
+  Token tag(uint64_t p);
+  Token docType(uint64_t p);
+
+  // ---- batches of checked content
+  std::string prefix(int level) const {
+    std::string s = file_.rootTag_;
+    if (level >= 2) s += file_.topTag_;
+    if (level >= 3) s += file_.sections_[section_].startTag;
+    return s;
+  }
+  std::string suffix(int level) const {
+    std::string s;
+    if (level >= 3) s += endTag(file_.sections_[section_].name);
+    if (level >= 2) s += endTag(file_.topName_);
+    return s + endTag(file_.rootName_);
+  }
+  void open(int level, uint64_t p) {
+    if (batch_) return;
+    batch_ = true;
+    batchLevel_ = level;
+    batchStart_ = p;
+  }
+  bool flush(uint64_t end);
+
+  PiecewiseFile& file_;
+  const PiecewiseLayout& layout_;
+  std::string window_;
+  uint64_t base_ = 0;
+  bool eof_ = false;
+  bool failed_ = false;
+  bool batch_ = false;
+  int batchLevel_ = 0;
+  uint64_t batchStart_ = 0;
+  size_t section_ = 0;
+  pugi::xml_document scratch_;
+};
+
+PiecewiseScanner::Token PiecewiseScanner::tag(uint64_t p) {
+  // p is at "<" or "</"; the name runs to a blank, "/", ">".
+  Token t;
+  const bool closing = *at(p + 1) == '/';
+  uint64_t q = p + (closing ? 2 : 1);
+  const uint64_t nameStart = q;
+  for (;; ++q) {
+    if (!ensure(q)) return t;
+    const char c = *at(q);
+    if (isBlank(c) || c == '/' || c == '>') break;
+    if (c == '<' || c == '"' || c == '\'' || c == '=') return t;
+  }
+  if (q == nameStart) return t;
+  char quote = 0;
+  char last = 0;
+  for (;; ++q) {
+    if (!ensure(q)) return t;
+    const char c = *at(q);
+    if (quote != 0) {
+      if (c == quote) quote = 0;
+      continue;
+    }
+    if (c == '"' || c == '\'') {
+      if (closing) return t;
+      quote = c;
+    } else if (c == '<') {
+      return t;
+    } else if (c == '>') {
+      break;
+    }
+    if (!isBlank(c)) last = c;
+  }
+  t.end = q + 1;
+  t.kind = closing ? Kind::End : (last == '/' ? Kind::Empty : Kind::Start);
+  // The window may have moved while reading on: take the name last.
+  t.name = std::string_view(at(nameStart), static_cast<size_t>(q - nameStart));
+  const size_t stop = t.name.find_first_of(" \t\r\n/>");
+  if (stop != std::string_view::npos) t.name = t.name.substr(0, stop);
+  return t;
+}
+
+PiecewiseScanner::Token PiecewiseScanner::docType(uint64_t p) {
+  Token t;
+  char quote = 0;
+  int brackets = 0;
+  for (uint64_t q = p + 9;; ++q) {
+    if (!ensure(q)) return t;
+    const char c = *at(q);
+    if (quote != 0) {
+      if (c == quote) quote = 0;
+    } else if (c == '"' || c == '\'') {
+      quote = c;
+    } else if (c == '[') {
+      ++brackets;
+    } else if (c == ']') {
+      --brackets;
+    } else if (c == '>' && brackets == 0) {
+      t.kind = Kind::DocType;
+      t.end = q + 1;
+      return t;
+    }
+  }
+}
+
+PiecewiseScanner::Token PiecewiseScanner::token(uint64_t p) {
+  Token t;
+  if (!ensure(p)) {
+    t.kind = failed_ ? Kind::Bad : Kind::End_of_file;
+    t.end = p;
+    return t;
+  }
+  if (*at(p) != '<') {
+    // Text up to the next markup or the end of the window (text may be cut
+    // anywhere: each piece is only copied or checked).
+    const std::string_view have(at(p), static_cast<size_t>(windowEnd() - p));
+    const size_t lt = have.find('<');
+    t.kind = Kind::Text;
+    t.end = p + (lt == std::string_view::npos ? have.size() : lt);
+    return t;
+  }
+  auto startsWith = [&](std::string_view s) {
+    for (size_t i = 0; i < s.size(); ++i)
+      if (!ensure(p + i) || *at(p + i) != s[i]) return false;
+    return true;
+  };
+  auto ending = [&](Kind kind, uint64_t from, std::string_view close) {
+    const uint64_t e = find(from, close);
+    if (e == std::numeric_limits<uint64_t>::max()) return Token{};
+    return Token{kind, e + close.size(), {}};
+  };
+  if (!ensure(p + 1)) return t;
+  const char c = *at(p + 1);
+  if (c == '?') {
+    Token pi = ending(Kind::Instruction, p + 2, "?>");
+    if (pi.kind == Kind::Bad) return pi;
+    // The target: up to a blank or "?".
+    uint64_t q = p + 2;
+    while (q < pi.end - 2 && !isBlank(*at(q)) && *at(q) != '?') ++q;
+    pi.name = std::string_view(at(p + 2), static_cast<size_t>(q - (p + 2)));
+    return pi;
+  }
+  if (c == '!') {
+    if (startsWith("<!--")) return ending(Kind::Comment, p + 4, "-->");
+    if (startsWith("<![CDATA[")) return ending(Kind::CData, p + 9, "]]>");
+    if (startsWith("<!DOCTYPE")) return docType(p);
+    return t;
+  }
+  return tag(p);
+}
+
+bool PiecewiseScanner::flush(uint64_t end) {
+  if (!batch_) return true;
+  batch_ = false;
+  const auto length = static_cast<size_t>(end - batchStart_);
+  std::string text = prefix(batchLevel_);
+  const size_t head = text.size();
+  text.resize(head + length);
+  std::memcpy(text.data() + head, at(batchStart_), length);
+  text += suffix(batchLevel_);
+  Decoded decoded = decodeDocument(std::move(text));
+  if (decoded.code != 0) return false;
+  size_t offset = 0;
+  std::string reason;
+  if (!checkXmlCharacters(decoded.utf8, offset, reason)) return false;
+  const pugi::xml_parse_result result =
+      scratch_.load_buffer_inplace(decoded.utf8.data(), decoded.utf8.size(), file_.flags_, pugi::encoding_utf8);
+  scratch_.reset();
+  return static_cast<bool>(result);
+}
+
+bool PiecewiseScanner::run(std::string& skeleton) {
+  uint64_t p = 0;
+  // UTF-8 only, with or without its byte-order mark; any other encoding is
+  // loaded whole (it is converted as a whole).
+  if (!ensure(0)) return false;
+  if (window_.size() >= 3 && window_.compare(0, 3, "\xEF\xBB\xBF") == 0) p = 3;
+  const uint64_t first = p;
+  if (window_.find('\0') != std::string::npos && window_.find('\0') < 4) return false;
+
+  std::vector<bool> keptSeen(layout_.kept.size(), false);
+  std::vector<bool> sectionSeen(layout_.sections.size(), false);
+  int level = 0;  // 0 outside the root, 1 in it, 2 in `top`, 3 in a section
+  bool rootDone = false;
+  bool topSeen = false;
+  int depth = 0;  // inside a subtree that is copied or checked whole
+  Subtree subtree = Subtree::Other;
+  uint64_t subtreeStart = 0;
+  std::string childName;
+
+  auto addChild = [&](uint64_t begin, uint64_t end, std::string_view name) {
+    if (end - begin > std::numeric_limits<uint32_t>::max()) return false;
+    PiecewiseSection& s = file_.sections_[section_];
+    auto found = std::find(s.names.begin(), s.names.end(), name);
+    if (found == s.names.end()) found = s.names.insert(s.names.end(), std::string(name));
+    s.children.push_back({begin, static_cast<uint32_t>(end - begin), static_cast<uint32_t>(found - s.names.begin())});
+    return true;
+  };
+  auto text = [&](uint64_t b, uint64_t e) { return std::string_view(at(b), static_cast<size_t>(e - b)); };
+
+  for (;;) {
+    const uint64_t pin = batch_ ? batchStart_ : (depth > 0 ? subtreeStart : p);
+    dropBefore(pin);
+    Token t = token(p);
+    if (t.kind == Kind::Bad) return false;
+    if (t.kind == Kind::End_of_file) break;
+    if (t.kind == Kind::Instruction && isXmlName(t.name) && p != first) return false;
+
+    if (depth > 0) {
+      if (t.kind == Kind::Start) ++depth;
+      if (t.kind == Kind::End) --depth;
+      if (t.kind == Kind::DocType) return false;
+      if (depth == 0) {
+        if (subtree == Subtree::Kept) skeleton.append(text(subtreeStart, t.end));
+        if (subtree == Subtree::Child && !addChild(subtreeStart, t.end, childName)) return false;
+      }
+      p = t.end;
+      if (depth == 0 && batch_ && t.end - batchStart_ >= kBatchBytes && !flush(t.end)) return false;
+      continue;
+    }
+
+    const std::string_view name = t.name;
+    switch (level) {
+      case 0:
+        if (t.kind == Kind::End || t.kind == Kind::CData) return false;
+        if (t.kind == Kind::Start || t.kind == Kind::Empty) {
+          if (rootDone || t.kind == Kind::Empty || name != layout_.root) return false;
+          file_.rootName_ = std::string(name);
+          file_.rootTag_ = std::string(text(p, t.end));
+          level = 1;
+        }
+        if (t.kind == Kind::Instruction && p == first) {
+          const std::string data(text(p + 2, t.end - 2));
+          const std::string declared = declaredEncoding(data.substr(std::min(data.size(), size_t{3})));
+          if (!declared.empty() && encodingFromName(declared) != Encoding::Utf8) return false;
+        }
+        skeleton.append(text(p, t.end));
+        break;
+      case 1:
+        if (t.kind == Kind::End) {
+          if (!flush(p) || name != file_.rootName_) return false;
+          skeleton.append(text(p, t.end));
+          level = 0;
+          rootDone = true;
+        } else if ((t.kind == Kind::Start || t.kind == Kind::Empty) && !topSeen && name == layout_.top) {
+          if (!flush(p)) return false;
+          topSeen = true;
+          skeleton.append(text(p, t.end));
+          if (t.kind == Kind::Start) {
+            file_.topName_ = std::string(name);
+            file_.topTag_ = std::string(text(p, t.end));
+            level = 2;
+          }
+        } else {
+          if (t.kind == Kind::DocType) return false;
+          open(1, p);
+          if (t.kind == Kind::Start) depth = 1, subtree = Subtree::Other, subtreeStart = p;
+        }
+        break;
+      case 2: {
+        if (t.kind == Kind::End) {
+          if (!flush(p) || name != file_.topName_) return false;
+          skeleton.append(text(p, t.end));
+          level = 1;
+          break;
+        }
+        if (t.kind == Kind::Start || t.kind == Kind::Empty) {
+          const auto kept = std::find(layout_.kept.begin(), layout_.kept.end(), name);
+          const auto sec = std::find(layout_.sections.begin(), layout_.sections.end(), name);
+          if (kept != layout_.kept.end() && !keptSeen[static_cast<size_t>(kept - layout_.kept.begin())]) {
+            if (!flush(p)) return false;
+            keptSeen[static_cast<size_t>(kept - layout_.kept.begin())] = true;
+            if (t.kind == Kind::Empty)
+              skeleton.append(text(p, t.end));
+            else
+              depth = 1, subtree = Subtree::Kept, subtreeStart = p;
+            break;
+          }
+          if (sec != layout_.sections.end() && !sectionSeen[static_cast<size_t>(sec - layout_.sections.begin())]) {
+            if (!flush(p)) return false;
+            sectionSeen[static_cast<size_t>(sec - layout_.sections.begin())] = true;
+            skeleton.append(text(p, t.end));
+            if (t.kind == Kind::Start) {
+              file_.sections_.push_back({std::string(name), std::string(text(p, t.end)), {}, {}});
+              section_ = file_.sections_.size() - 1;
+              level = 3;
+            }
+            break;
+          }
+        }
+        if (t.kind == Kind::DocType) return false;
+        open(2, p);
+        if (t.kind == Kind::Start) depth = 1, subtree = Subtree::Other, subtreeStart = p;
+        break;
+      }
+      default:
+        if (t.kind == Kind::End) {
+          if (!flush(p) || name != file_.sections_[section_].name) return false;
+          skeleton.append(text(p, t.end));
+          level = 2;
+          break;
+        }
+        if (t.kind == Kind::DocType) return false;
+        open(3, p);
+        if (t.kind == Kind::Empty && !addChild(p, t.end, name)) return false;
+        if (t.kind == Kind::Start) {
+          depth = 1, subtree = Subtree::Child, subtreeStart = p;
+          childName = std::string(name);
+        }
+        break;
+    }
+    p = t.end;
+    if (depth == 0 && batch_ && p - batchStart_ >= kBatchBytes && !flush(p)) return false;
+  }
+  if (failed_ || depth != 0 || level != 0 || !rootDone) return false;
+  return true;
+}
+
+PiecewiseFile::~PiecewiseFile() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+std::unique_ptr<PiecewiseFile> PiecewiseFile::scan(const std::string& path, const PiecewiseLayout& layout,
+                                                   unsigned parseFlags, std::string& skeleton) {
+  std::unique_ptr<PiecewiseFile> file(new PiecewiseFile());
+  file->fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file->fd_ < 0) return nullptr;
+  file->path_ = path;
+  file->flags_ = parseFlags;
+  skeleton.clear();
+  PiecewiseScanner scanner(*file, layout);
+  if (!scanner.run(skeleton)) return nullptr;
+  for (auto& s : file->sections_) s.children.shrink_to_fit();
+  return file;
+}
+
+void PiecewiseFile::bind(const pugi::xml_node& top) {
+  bound_.clear();
+  for (const auto& s : sections_)
+    for (pugi::xml_node c = top.child(s.name.c_str()); c; c = c.next_sibling(s.name.c_str()))
+      if (c.type() == pugi::node_element) {
+        bound_[c.internal_object()] = &s;
+        break;
+      }
+}
+
+const PiecewiseSection* PiecewiseFile::sectionOf(const pugi::xml_node_struct* n) const {
+  const auto found = bound_.find(n);
+  return found == bound_.end() ? nullptr : found->second;
+}
+
+size_t PiecewiseFile::count(const PiecewiseSection& section, std::string_view name) const {
+  const auto found = std::find(section.names.begin(), section.names.end(), name);
+  if (found == section.names.end()) return 0;
+  const auto index = static_cast<uint32_t>(found - section.names.begin());
+  return static_cast<size_t>(
+      std::count_if(section.children.begin(), section.children.end(), [&](const PieceRange& r) { return r.name == index; }));
+}
+
+void PiecewiseFile::forEach(const PiecewiseSection& section, std::string_view name,
+                            const std::function<void(const pugi::xml_node&)>& f) const {
+  const auto found = std::find(section.names.begin(), section.names.end(), name);
+  if (found == section.names.end()) return;
+  const auto index = static_cast<uint32_t>(found - section.names.begin());
+  const std::string head = rootTag_ + topTag_ + section.startTag;
+  const std::string tail = endTag(section.name) + endTag(topName_) + endTag(rootName_);
+  auto changed = [&] {
+    throw Error(kErrFile, "", "Path/File access error: \"" + path_ + "\" changed while it was read");
+  };
+  std::string text;
+  for (const PieceRange& r : section.children) {
+    if (r.name != index) continue;
+    text.assign(head);
+    text.resize(head.size() + r.length);
+    size_t got = 0;
+    while (got < r.length) {
+      const ssize_t n = ::pread(fd_, text.data() + head.size() + got, r.length - got,
+                                static_cast<off_t>(r.offset + got));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) changed();
+      got += static_cast<size_t>(n);
+    }
+    text += tail;
+    pugi::xml_document doc;
+    if (!doc.load_buffer_inplace(text.data(), text.size(), flags_, pugi::encoding_utf8)) changed();
+    pugi::xml_node child = doc.document_element().first_child().first_child().first_child();
+    if (child.type() != pugi::node_element || name != child.name()) changed();
+    f(child);
+  }
+}
+
+}  // namespace kavrel::xml::detail
