@@ -127,6 +127,13 @@ class PiecewiseScanner {
     batchStart_ = p;
   }
   bool flush(uint64_t end);
+  // A batch is only checked: the options that change what is kept but never
+  // whether a text parses (escapes, line ends, white space) are left out,
+  // which makes the check quicker. Instructions are still read, as the
+  // parser checks their names only then.
+  unsigned checkFlags() const {
+    return pugi::parse_minimal | (file_.flags_ & (pugi::parse_pi | pugi::parse_declaration | pugi::parse_comments));
+  }
 
   PiecewiseFile& file_;
   const PiecewiseLayout& layout_;
@@ -142,44 +149,51 @@ class PiecewiseScanner {
 };
 
 PiecewiseScanner::Token PiecewiseScanner::tag(uint64_t p) {
-  // p is at "<" or "</"; the name runs to a blank, "/", ">".
+  // p is at "<" or "</"; the name runs to a blank, "/", ">". Walked over the
+  // window's bytes directly (most of a document is tags), reading on only
+  // at the window's end.
   Token t;
   const bool closing = *at(p + 1) == '/';
-  uint64_t q = p + (closing ? 2 : 1);
-  const uint64_t nameStart = q;
-  for (;; ++q) {
-    if (!ensure(q)) return t;
-    const char c = *at(q);
-    if (isBlank(c) || c == '/' || c == '>') break;
-    if (c == '<' || c == '"' || c == '\'' || c == '=') return t;
-  }
-  if (q == nameStart) return t;
+  const uint64_t nameStart = p + (closing ? 2 : 1);
+  uint64_t q = nameStart;
+  uint64_t nameEnd = 0;  // 0 while in the name
   char quote = 0;
   char last = 0;
-  for (;; ++q) {
-    if (!ensure(q)) return t;
-    const char c = *at(q);
-    if (quote != 0) {
-      if (c == quote) quote = 0;
-      continue;
+  for (;;) {
+    const char* bytes = window_.data();
+    const size_t size = window_.size();
+    size_t i = static_cast<size_t>(q - base_);
+    for (; i < size; ++i) {
+      const char c = bytes[i];
+      if (nameEnd == 0) {
+        if (isBlank(c) || c == '/' || c == '>') {
+          nameEnd = base_ + i;
+          if (nameEnd == nameStart) return t;
+        } else {
+          if (c == '<' || c == '"' || c == '\'' || c == '=') return t;
+          continue;
+        }
+      }
+      if (quote != 0) {
+        if (c == quote) quote = 0;
+        continue;
+      }
+      if (c == '"' || c == '\'') {
+        if (closing) return t;
+        quote = c;
+      } else if (c == '<') {
+        return t;
+      } else if (c == '>') {
+        t.end = base_ + i + 1;
+        t.kind = closing ? Kind::End : (last == '/' ? Kind::Empty : Kind::Start);
+        t.name = std::string_view(at(nameStart), static_cast<size_t>(nameEnd - nameStart));
+        return t;
+      }
+      if (!isBlank(c)) last = c;
     }
-    if (c == '"' || c == '\'') {
-      if (closing) return t;
-      quote = c;
-    } else if (c == '<') {
-      return t;
-    } else if (c == '>') {
-      break;
-    }
-    if (!isBlank(c)) last = c;
+    q = base_ + size;
+    if (!fill()) return t;
   }
-  t.end = q + 1;
-  t.kind = closing ? Kind::End : (last == '/' ? Kind::Empty : Kind::Start);
-  // The window may have moved while reading on: take the name last.
-  t.name = std::string_view(at(nameStart), static_cast<size_t>(q - nameStart));
-  const size_t stop = t.name.find_first_of(" \t\r\n/>");
-  if (stop != std::string_view::npos) t.name = t.name.substr(0, stop);
-  return t;
 }
 
 PiecewiseScanner::Token PiecewiseScanner::docType(uint64_t p) {
@@ -266,7 +280,7 @@ bool PiecewiseScanner::flush(uint64_t end) {
   std::string reason;
   if (!checkXmlCharacters(decoded.utf8, offset, reason)) return false;
   const pugi::xml_parse_result result =
-      scratch_.load_buffer_inplace(decoded.utf8.data(), decoded.utf8.size(), file_.flags_, pugi::encoding_utf8);
+      scratch_.load_buffer_inplace(decoded.utf8.data(), decoded.utf8.size(), checkFlags(), pugi::encoding_utf8);
   scratch_.reset();
   return static_cast<bool>(result);
 }
@@ -469,15 +483,26 @@ void PiecewiseFile::forEach(const PiecewiseSection& section, std::string_view na
   auto changed = [&] {
     throw Error(kErrFile, "", "Path/File access error: \"" + path_ + "\" changed while it was read");
   };
+  // Neighbouring children are read and parsed together, about a megabyte at
+  // a time: one read and one tree per batch instead of per child.
+  const auto& all = section.children;
   std::string text;
-  for (const PieceRange& r : section.children) {
-    if (r.name != index) continue;
+  size_t i = 0;
+  while (i < all.size()) {
+    if (all[i].name != index) {
+      ++i;
+      continue;
+    }
+    const uint64_t begin = all[i].offset;
+    size_t j = i + 1;
+    while (j < all.size() && all[j].offset + all[j].length - begin <= kBatchBytes) ++j;
+    const auto length = static_cast<size_t>(all[j - 1].offset + all[j - 1].length - begin);
     text.assign(head);
-    text.resize(head.size() + r.length);
+    text.resize(head.size() + length);
     size_t got = 0;
-    while (got < r.length) {
-      const ssize_t n = ::pread(fd_, text.data() + head.size() + got, r.length - got,
-                                static_cast<off_t>(r.offset + got));
+    while (got < length) {
+      const ssize_t n =
+          ::pread(fd_, text.data() + head.size() + got, length - got, static_cast<off_t>(begin + got));
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) changed();
       got += static_cast<size_t>(n);
@@ -485,9 +510,16 @@ void PiecewiseFile::forEach(const PiecewiseSection& section, std::string_view na
     text += tail;
     pugi::xml_document doc;
     if (!doc.load_buffer_inplace(text.data(), text.size(), flags_, pugi::encoding_utf8)) changed();
-    pugi::xml_node child = doc.document_element().first_child().first_child().first_child();
-    if (child.type() != pugi::node_element || name != child.name()) changed();
-    f(child);
+    // The section's element children are the remembered ones, in order.
+    size_t k = i;
+    const pugi::xml_node holder = doc.document_element().first_child().first_child();
+    for (pugi::xml_node c = holder.first_child(); c; c = c.next_sibling()) {
+      if (c.type() != pugi::node_element) continue;
+      if (k >= j || section.names[all[k].name] != c.name()) changed();
+      if (all[k++].name == index) f(c);
+    }
+    if (k != j) changed();
+    i = j;
   }
 }
 
