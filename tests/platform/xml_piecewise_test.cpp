@@ -3,6 +3,7 @@
 // refuses it.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -48,8 +49,12 @@ std::string reading(Document& doc) {
   return out;
 }
 
-class Piecewise : public ::testing::Test {
+// Each test runs with the usual batches and with batches of a few bytes,
+// so that small documents are cut everywhere too.
+class Piecewise : public ::testing::TestWithParam<const char*> {
  protected:
+  void SetUp() override { ::setenv("KAVREL_PIECEWISE_BATCH_BYTES", GetParam(), 1); }
+  void TearDown() override { ::unsetenv("KAVREL_PIECEWISE_BATCH_BYTES"); }
   std::string write(const std::string& text) {
     const std::string path = dir_.file("doc" + std::to_string(++files_) + ".xml");
     test::writeBytes(path, text);
@@ -62,7 +67,7 @@ class Piecewise : public ::testing::Test {
 // Markup the first pass must step over (quoted ">" and "/", comments, CDATA,
 // instructions), unknown and repeated children, and records, comments and
 // text larger than the pass's window.
-TEST_F(Piecewise, ReaderSeesWhatTheWholeTreeShows) {
+TEST_P(Piecewise, ReaderSeesWhatTheWholeTreeShows) {
   const std::string big = repeat("<e a=\"1\"/>", 300000);  // 3 MB
   const std::string text =
       "\xEF\xBB\xBF<?xml version='1.0' encoding=\"utf-8\"?>\n<!-- <kvr:Target> -->\n"
@@ -94,9 +99,11 @@ TEST_F(Piecewise, ReaderSeesWhatTheWholeTreeShows) {
 }
 
 // A malformed document gets the whole load's error, line and column.
-TEST_F(Piecewise, MalformedDocumentsAreRefusedAsAWholeLoadRefusesThem) {
+TEST_P(Piecewise, MalformedDocumentsAreRefusedAsAWholeLoadRefusesThem) {
   const std::string head = "<?xml version='1.0'?>\n<xml>\n<kvr:Target Name=\"T\">\n<Datas>\n";
   const std::string deep = repeat("<a>", 100000) + repeat("</a>", 100000);
+  // Larger than a checked batch: read on inside it.
+  const std::string big = "<u>" + repeat("<e/>", 400000) + "<v>" + repeat("<e/>", 400000);
   const struct {
     const char* what;
     std::string text;
@@ -111,6 +118,9 @@ TEST_F(Piecewise, MalformedDocumentsAreRefusedAsAWholeLoadRefusesThem) {
       {"unknown child not closed", head + "</Datas>\n<e><f></e>\n</kvr:Target>\n</xml>\n"},
       {"truncated file", head + "<Data Name=\"a\"><Bits/></Da"},
       {"second root element", head + "</Datas></kvr:Target></xml>\n<xml/>\n"},
+      {"large unknown child closed by another name", head + "</Datas><U>" + big + "</v></u></V></kvr:Target></xml>"},
+      {"bad attribute late in a large record", head + "<Data>" + big + "<f a=1/></v></u></Data></Datas></kvr:Target></xml>"},
+      {"end tag with an attribute", head + "<Data>" + big + "</v></u a=\"1\"></Data></Datas></kvr:Target></xml>"},
       {"deep nesting left open", head + "<Data>" + repeat("<a>", 100000) + "</Data></Datas></kvr:Target></xml>"},
   };
   for (const auto& c : cases) {
@@ -140,7 +150,7 @@ TEST_F(Piecewise, MalformedDocumentsAreRefusedAsAWholeLoadRefusesThem) {
 }
 
 // Documents the pieces do not take are loaded whole, with the same result.
-TEST_F(Piecewise, OtherEncodingsAndRootsAreLoadedWhole) {
+TEST_P(Piecewise, OtherEncodingsAndRootsAreLoadedWhole) {
   const struct {
     const char* what;
     std::string text;
@@ -163,7 +173,7 @@ TEST_F(Piecewise, OtherEncodingsAndRootsAreLoadedWhole) {
 }
 
 // A file changed between the passes is reported, not misread.
-TEST_F(Piecewise, FileChangedBeforeTheSectionIsRead) {
+TEST_P(Piecewise, FileChangedBeforeTheSectionIsRead) {
   const std::string text = "<xml><kvr:Target><Datas><Data Name=\"abc\"/></Datas></kvr:Target></xml>";
   const std::string path = write(text);
   Document pieces;
@@ -179,6 +189,8 @@ TEST_F(Piecewise, FileChangedBeforeTheSectionIsRead) {
     EXPECT_EQ(e.number(), 75);
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Batches, Piecewise, ::testing::Values("1048576", "4096"));
 
 }  // namespace
 }  // namespace kavrel::xml

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <optional>
@@ -21,7 +22,18 @@ namespace {
 constexpr size_t kReadBytes = size_t{1} << 20;
 // Checked content is parsed in batches of about this size: the parser's
 // tree of a batch (ten times its size at worst) bounds the scan's memory.
+// KAVREL_PIECEWISE_BATCH_BYTES replaces it, so that tests and fuzzing cut
+// small documents into many batches.
 constexpr size_t kBatchBytes = size_t{1} << 20;
+
+size_t batchBytes() {
+  if (const char* v = std::getenv("KAVREL_PIECEWISE_BATCH_BYTES")) {
+    char* end = nullptr;
+    const unsigned long long n = std::strtoull(v, &end, 10);
+    if (end != v && *end == '\0' && n > 0) return static_cast<size_t>(n);
+  }
+  return kBatchBytes;
+}
 
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
@@ -108,25 +120,49 @@ class PiecewiseScanner {
   Token docType(uint64_t p);
 
   // ---- batches of checked content
-  std::string prefix(int level) const {
+  // A batch holds complete children of one element: the innermost of the
+  // structure (root, top, section) and of `chain_`, the elements a batch
+  // went down into when one child alone grew too large (see checkpoint).
+  std::string prefix() const {
     std::string s = file_.rootTag_;
-    if (level >= 2) s += file_.topTag_;
-    if (level >= 3) s += file_.sections_[section_].startTag;
+    if (level_ >= 2) s += file_.topTag_;
+    if (level_ >= 3) s += file_.sections_[section_].startTag;
+    for (const auto& tag : chain_) s += tag;
     return s;
   }
-  std::string suffix(int level) const {
+  std::string suffix() const {
     std::string s;
-    if (level >= 3) s += endTag(file_.sections_[section_].name);
-    if (level >= 2) s += endTag(file_.topName_);
+    for (auto i = chain_.rbegin(); i != chain_.rend(); ++i) s += endTag(std::string(tagName(*i)));
+    if (level_ >= 3) s += endTag(file_.sections_[section_].name);
+    if (level_ >= 2) s += endTag(file_.topName_);
     return s + endTag(file_.rootName_);
   }
-  void open(int level, uint64_t p) {
+  static std::string_view tagName(std::string_view startTag) {
+    const size_t end = startTag.find_first_of(" \t\r\n/>", 1);
+    return startTag.substr(1, end == std::string_view::npos ? std::string_view::npos : end - 1);
+  }
+  void open(uint64_t p) {
     if (batch_) return;
     batch_ = true;
-    batchLevel_ = level;
     batchStart_ = p;
   }
-  bool flush(uint64_t end);
+  // Checks the batch up to `end` (closing the elements in `open_` there).
+  bool check(uint64_t end);
+  bool flush(uint64_t end) {
+    if (!batch_) return true;
+    batch_ = false;
+    return check(end);
+  }
+  // One child of the batch's element has grown past a batch's size: check
+  // what was read of it, closed where it stands, and go on inside its
+  // innermost open element (whose start tags join `chain_`).
+  bool checkpoint(uint64_t p) {
+    if (!check(p)) return false;
+    for (const auto& [b, e] : open_) chain_.emplace_back(at(b), static_cast<size_t>(e - b));
+    open_.clear();
+    batchStart_ = p;
+    return true;
+  }
   // A batch is only checked: the options that change what is kept but never
   // whether a text parses (escapes, line ends, white space) are left out,
   // which makes the check quicker. Instructions are still read, as the
@@ -142,8 +178,11 @@ class PiecewiseScanner {
   bool eof_ = false;
   bool failed_ = false;
   bool batch_ = false;
-  int batchLevel_ = 0;
   uint64_t batchStart_ = 0;
+  int level_ = 0;  // 0 outside the root, 1 in it, 2 in `top`, 3 in a section
+  // Start tags (begin, end) of the elements open inside the batch.
+  std::vector<std::pair<uint64_t, uint64_t>> open_;
+  std::vector<std::string> chain_;
   size_t section_ = 0;
   pugi::xml_document scratch_;
 };
@@ -174,12 +213,12 @@ PiecewiseScanner::Token PiecewiseScanner::tag(uint64_t p) {
           continue;
         }
       }
+      if (closing && c != '>' && !isBlank(c)) return t;
       if (quote != 0) {
         if (c == quote) quote = 0;
         continue;
       }
       if (c == '"' || c == '\'') {
-        if (closing) return t;
         quote = c;
       } else if (c == '<') {
         return t;
@@ -227,12 +266,12 @@ PiecewiseScanner::Token PiecewiseScanner::token(uint64_t p) {
     return t;
   }
   if (*at(p) != '<') {
-    // Text up to the next markup or the end of the window (text may be cut
-    // anywhere: each piece is only copied or checked).
-    const std::string_view have(at(p), static_cast<size_t>(windowEnd() - p));
-    const size_t lt = have.find('<');
+    // Text runs to the next markup or the end of the file: a batch never
+    // ends inside a character or a reference.
+    const uint64_t lt = find(p, "<");
     t.kind = Kind::Text;
-    t.end = p + (lt == std::string_view::npos ? have.size() : lt);
+    t.end = lt == std::numeric_limits<uint64_t>::max() ? windowEnd() : lt;
+    if (failed_) t.kind = Kind::Bad;
     return t;
   }
   auto startsWith = [&](std::string_view s) {
@@ -265,15 +304,16 @@ PiecewiseScanner::Token PiecewiseScanner::token(uint64_t p) {
   return tag(p);
 }
 
-bool PiecewiseScanner::flush(uint64_t end) {
-  if (!batch_) return true;
-  batch_ = false;
+bool PiecewiseScanner::check(uint64_t end) {
   const auto length = static_cast<size_t>(end - batchStart_);
-  std::string text = prefix(batchLevel_);
+  if (length == 0 && open_.empty()) return true;
+  std::string text = prefix();
   const size_t head = text.size();
   text.resize(head + length);
   std::memcpy(text.data() + head, at(batchStart_), length);
-  text += suffix(batchLevel_);
+  for (auto i = open_.rbegin(); i != open_.rend(); ++i)
+    text += endTag(std::string(tagName(std::string_view(at(i->first), static_cast<size_t>(i->second - i->first)))));
+  text += suffix();
   Decoded decoded = decodeDocument(std::move(text));
   if (decoded.code != 0) return false;
   size_t offset = 0;
@@ -296,10 +336,9 @@ bool PiecewiseScanner::run(std::string& skeleton) {
 
   std::vector<bool> keptSeen(layout_.kept.size(), false);
   std::vector<bool> sectionSeen(layout_.sections.size(), false);
-  int level = 0;  // 0 outside the root, 1 in it, 2 in `top`, 3 in a section
   bool rootDone = false;
   bool topSeen = false;
-  int depth = 0;  // inside a subtree that is copied or checked whole
+  int depth = 0;  // open elements of the subtree being copied or checked
   Subtree subtree = Subtree::Other;
   uint64_t subtreeStart = 0;
   std::string childName;
@@ -313,6 +352,13 @@ bool PiecewiseScanner::run(std::string& skeleton) {
     return true;
   };
   auto text = [&](uint64_t b, uint64_t e) { return std::string_view(at(b), static_cast<size_t>(e - b)); };
+  // A subtree checked in batches (not copied) starts with this element.
+  auto enter = [&](Subtree kind, uint64_t begin, uint64_t end) {
+    depth = 1;
+    subtree = kind;
+    subtreeStart = begin;
+    if (kind != Subtree::Kept) open_.emplace_back(begin, end);
+  };
 
   for (;;) {
     const uint64_t pin = batch_ ? batchStart_ : (depth > 0 ? subtreeStart : p);
@@ -323,27 +369,40 @@ bool PiecewiseScanner::run(std::string& skeleton) {
     if (t.kind == Kind::Instruction && isXmlName(t.name) && p != first) return false;
 
     if (depth > 0) {
-      if (t.kind == Kind::Start) ++depth;
-      if (t.kind == Kind::End) --depth;
       if (t.kind == Kind::DocType) return false;
+      const bool checked = subtree != Subtree::Kept;
+      if (t.kind == Kind::Start) {
+        ++depth;
+        if (checked) open_.emplace_back(p, t.end);
+      } else if (t.kind == Kind::End) {
+        --depth;
+        if (checked && !open_.empty()) {
+          open_.pop_back();
+        } else if (checked) {
+          // The end of an element a checkpoint went into: its batch ends.
+          if (chain_.empty() || t.name != tagName(chain_.back()) || !flush(p)) return false;
+          chain_.pop_back();
+          open(t.end);
+        }
+      }
       if (depth == 0) {
         if (subtree == Subtree::Kept) skeleton.append(text(subtreeStart, t.end));
         if (subtree == Subtree::Child && !addChild(subtreeStart, t.end, childName)) return false;
       }
       p = t.end;
-      if (depth == 0 && batch_ && t.end - batchStart_ >= kBatchBytes && !flush(t.end)) return false;
+      if (batch_ && p - batchStart_ >= file_.batch_ && !(depth == 0 ? flush(p) : checkpoint(p))) return false;
       continue;
     }
 
     const std::string_view name = t.name;
-    switch (level) {
+    switch (level_) {
       case 0:
         if (t.kind == Kind::End || t.kind == Kind::CData) return false;
         if (t.kind == Kind::Start || t.kind == Kind::Empty) {
           if (rootDone || t.kind == Kind::Empty || name != layout_.root) return false;
           file_.rootName_ = std::string(name);
           file_.rootTag_ = std::string(text(p, t.end));
-          level = 1;
+          level_ = 1;
         }
         if (t.kind == Kind::Instruction && p == first) {
           const std::string data(text(p + 2, t.end - 2));
@@ -356,7 +415,7 @@ bool PiecewiseScanner::run(std::string& skeleton) {
         if (t.kind == Kind::End) {
           if (!flush(p) || name != file_.rootName_) return false;
           skeleton.append(text(p, t.end));
-          level = 0;
+          level_ = 0;
           rootDone = true;
         } else if ((t.kind == Kind::Start || t.kind == Kind::Empty) && !topSeen && name == layout_.top) {
           if (!flush(p)) return false;
@@ -365,19 +424,19 @@ bool PiecewiseScanner::run(std::string& skeleton) {
           if (t.kind == Kind::Start) {
             file_.topName_ = std::string(name);
             file_.topTag_ = std::string(text(p, t.end));
-            level = 2;
+            level_ = 2;
           }
         } else {
           if (t.kind == Kind::DocType) return false;
-          open(1, p);
-          if (t.kind == Kind::Start) depth = 1, subtree = Subtree::Other, subtreeStart = p;
+          open(p);
+          if (t.kind == Kind::Start) enter(Subtree::Other, p, t.end);
         }
         break;
       case 2: {
         if (t.kind == Kind::End) {
           if (!flush(p) || name != file_.topName_) return false;
           skeleton.append(text(p, t.end));
-          level = 1;
+          level_ = 1;
           break;
         }
         if (t.kind == Kind::Start || t.kind == Kind::Empty) {
@@ -389,7 +448,7 @@ bool PiecewiseScanner::run(std::string& skeleton) {
             if (t.kind == Kind::Empty)
               skeleton.append(text(p, t.end));
             else
-              depth = 1, subtree = Subtree::Kept, subtreeStart = p;
+              enter(Subtree::Kept, p, t.end);
             break;
           }
           if (sec != layout_.sections.end() && !sectionSeen[static_cast<size_t>(sec - layout_.sections.begin())]) {
@@ -399,36 +458,36 @@ bool PiecewiseScanner::run(std::string& skeleton) {
             if (t.kind == Kind::Start) {
               file_.sections_.push_back({std::string(name), std::string(text(p, t.end)), {}, {}});
               section_ = file_.sections_.size() - 1;
-              level = 3;
+              level_ = 3;
             }
             break;
           }
         }
         if (t.kind == Kind::DocType) return false;
-        open(2, p);
-        if (t.kind == Kind::Start) depth = 1, subtree = Subtree::Other, subtreeStart = p;
+        open(p);
+        if (t.kind == Kind::Start) enter(Subtree::Other, p, t.end);
         break;
       }
       default:
         if (t.kind == Kind::End) {
           if (!flush(p) || name != file_.sections_[section_].name) return false;
           skeleton.append(text(p, t.end));
-          level = 2;
+          level_ = 2;
           break;
         }
         if (t.kind == Kind::DocType) return false;
-        open(3, p);
+        open(p);
         if (t.kind == Kind::Empty && !addChild(p, t.end, name)) return false;
         if (t.kind == Kind::Start) {
-          depth = 1, subtree = Subtree::Child, subtreeStart = p;
           childName = std::string(name);
+          enter(Subtree::Child, p, t.end);
         }
         break;
     }
     p = t.end;
-    if (depth == 0 && batch_ && p - batchStart_ >= kBatchBytes && !flush(p)) return false;
+    if (depth == 0 && batch_ && p - batchStart_ >= file_.batch_ && !flush(p)) return false;
   }
-  if (failed_ || depth != 0 || level != 0 || !rootDone) return false;
+  if (failed_ || depth != 0 || level_ != 0 || !rootDone) return false;
   return true;
 }
 
@@ -443,6 +502,7 @@ std::unique_ptr<PiecewiseFile> PiecewiseFile::scan(const std::string& path, cons
   if (file->fd_ < 0) return nullptr;
   file->path_ = path;
   file->flags_ = parseFlags;
+  file->batch_ = batchBytes();
   skeleton.clear();
   PiecewiseScanner scanner(*file, layout);
   if (!scanner.run(skeleton)) return nullptr;
@@ -495,7 +555,7 @@ void PiecewiseFile::forEach(const PiecewiseSection& section, std::string_view na
     }
     const uint64_t begin = all[i].offset;
     size_t j = i + 1;
-    while (j < all.size() && all[j].offset + all[j].length - begin <= kBatchBytes) ++j;
+    while (j < all.size() && all[j].offset + all[j].length - begin <= batch_) ++j;
     const auto length = static_cast<size_t>(all[j - 1].offset + all[j - 1].length - begin);
     text.assign(head);
     text.resize(head.size() + length);

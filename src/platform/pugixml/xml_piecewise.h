@@ -81,6 +81,7 @@ class PiecewiseFile {
   int fd_ = -1;
   std::string path_;
   unsigned flags_ = 0;
+  size_t batch_ = 0;  // bytes checked or read at a time
   std::string rootName_, topName_;
   std::string rootTag_, topTag_;  // start tags as written
   std::vector<PiecewiseSection> sections_;
