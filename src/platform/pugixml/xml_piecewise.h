@@ -11,7 +11,10 @@
 // - everything else (the sections' content, the children of `top` and of the
 //   document element that no reader looks at): checked in batches of about
 //   a megabyte, each parsed inside copies of its ancestors' start tags with
-//   the same parser and checks as a whole load, then freed. Nothing of it is
+//   the same parser and checks as a whole load, then freed. A child larger
+//   than a batch is checked as far as it is read, closed where it stands,
+//   and read on inside its open elements (their start tags join the
+//   ancestors), so no part of the file is held whole. Nothing of it is
 //   kept but the place (offset, length, name) of each element child of a
 //   section.
 // Whatever the tokenizer does not expect (a document not in UTF-8, another
