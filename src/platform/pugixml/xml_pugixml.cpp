@@ -733,7 +733,8 @@ bool Document::loadPiecewise(const std::string& path, const PiecewiseLayout& lay
       impl_->storage = std::move(decoded.utf8);
       const pugi::xml_parse_result result = impl_->doc.load_buffer_inplace(
           impl_->storage.data(), impl_->storage.size(), impl_->parseFlags(), pugi::encoding_utf8);
-      const pugi::xml_node top = impl_->doc.document_element().child(layout.top.c_str());
+      pugi::xml_node top = impl_->doc.document_element().child(layout.top.c_str());
+      while (top && top.type() != pugi::node_element) top = top.next_sibling(layout.top.c_str());
       if (result && impl_->strictlyValid()) {
         impl_->keepDeclaration(declared);
         pieces->bind(top);
