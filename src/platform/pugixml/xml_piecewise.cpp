@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -36,6 +37,22 @@ size_t batchBytes() {
 }
 
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+// By byte: 1 = goes on a tag's name (not a blank, "/", ">", "<", a quote
+// or "="); 2 = passes unnoticed between a start tag's attributes (not a
+// quote, "<" or ">"). Most of a document is tags: a table keeps the walk
+// over them short.
+constexpr std::array<unsigned char, 256> kTagBytes = [] {
+  std::array<unsigned char, 256> t{};
+  for (int c = 0; c < 256; ++c) {
+    const bool blank = c == ' ' || c == '\t' || c == '\r' || c == '\n';
+    const bool quote = c == '"' || c == '\'';
+    const bool name = !blank && !quote && c != '/' && c != '>' && c != '<' && c != '=';
+    const bool plain = !quote && c != '<' && c != '>';
+    t[static_cast<size_t>(c)] = static_cast<unsigned char>((name ? 1 : 0) | (plain ? 2 : 0));
+  }
+  return t;
+}();
 
 bool isXmlName(std::string_view name) {
   if (name.size() != 3) return false;
@@ -197,38 +214,56 @@ PiecewiseScanner::Token PiecewiseScanner::tag(uint64_t p) {
   uint64_t q = nameStart;
   uint64_t nameEnd = 0;  // 0 while in the name
   char quote = 0;
-  char last = 0;
   for (;;) {
     const char* bytes = window_.data();
     const size_t size = window_.size();
     size_t i = static_cast<size_t>(q - base_);
-    for (; i < size; ++i) {
-      const char c = bytes[i];
+    while (i < size) {
       if (nameEnd == 0) {
+        while (i < size && (kTagBytes[static_cast<unsigned char>(bytes[i])] & 1) != 0) ++i;
+        if (i == size) break;
+        const char c = bytes[i];
         if (isBlank(c) || c == '/' || c == '>') {
           nameEnd = base_ + i;
           if (nameEnd == nameStart) return t;
         } else {
           if (c == '<' || c == '"' || c == '\'' || c == '=') return t;
+          ++i;
           continue;
         }
       }
-      if (closing && c != '>' && !isBlank(c)) return t;
       if (quote != 0) {
-        if (c == quote) quote = 0;
+        // A quoted value ends at its quote only.
+        const void* close = std::memchr(bytes + i, quote, size - i);
+        if (close == nullptr) {
+          i = size;
+          break;
+        }
+        i = static_cast<size_t>(static_cast<const char*>(close) - bytes) + 1;
+        quote = 0;
         continue;
       }
+      if (!closing)
+        while (i < size && (kTagBytes[static_cast<unsigned char>(bytes[i])] & 2) != 0) ++i;
+      if (i == size) break;
+      const char c = bytes[i];
+      if (closing && c != '>' && !isBlank(c)) return t;
       if (c == '"' || c == '\'') {
         quote = c;
       } else if (c == '<') {
         return t;
       } else if (c == '>') {
+        // Empty when the last character before ">" (blanks aside) is "/".
+        const size_t name = static_cast<size_t>(nameEnd - base_);
+        size_t k = i;
+        while (k > name && isBlank(bytes[k - 1])) --k;
+        const bool empty = !closing && k > name && bytes[k - 1] == '/';
         t.end = base_ + i + 1;
-        t.kind = closing ? Kind::End : (last == '/' ? Kind::Empty : Kind::Start);
+        t.kind = closing ? Kind::End : (empty ? Kind::Empty : Kind::Start);
         t.name = std::string_view(at(nameStart), static_cast<size_t>(nameEnd - nameStart));
         return t;
       }
-      if (!isBlank(c)) last = c;
+      ++i;
     }
     q = base_ + size;
     if (!fill()) return t;
@@ -308,9 +343,7 @@ bool PiecewiseScanner::check(uint64_t end) {
   const auto length = static_cast<size_t>(end - batchStart_);
   if (length == 0 && open_.empty()) return true;
   std::string text = prefix();
-  const size_t head = text.size();
-  text.resize(head + length);
-  std::memcpy(text.data() + head, at(batchStart_), length);
+  text.append(at(batchStart_), length);
   for (auto i = open_.rbegin(); i != open_.rend(); ++i)
     text += endTag(std::string(tagName(std::string_view(at(i->first), static_cast<size_t>(i->second - i->first)))));
   text += suffix();
@@ -546,7 +579,9 @@ void PiecewiseFile::forEach(const PiecewiseSection& section, std::string_view na
   // Neighbouring children are read and parsed together, about a megabyte at
   // a time: one read and one tree per batch instead of per child.
   const auto& all = section.children;
-  std::string text;
+  // Read into memory that is not cleared first (it is overwritten whole).
+  std::unique_ptr<char[]> text;
+  size_t capacity = 0;
   size_t i = 0;
   while (i < all.size()) {
     if (all[i].name != index) {
@@ -557,19 +592,23 @@ void PiecewiseFile::forEach(const PiecewiseSection& section, std::string_view na
     size_t j = i + 1;
     while (j < all.size() && all[j].offset + all[j].length - begin <= batch_) ++j;
     const auto length = static_cast<size_t>(all[j - 1].offset + all[j - 1].length - begin);
-    text.assign(head);
-    text.resize(head.size() + length);
+    const size_t total = head.size() + length + tail.size();
+    if (total > capacity) {
+      text = std::make_unique_for_overwrite<char[]>(total);
+      capacity = total;
+    }
+    std::memcpy(text.get(), head.data(), head.size());
     size_t got = 0;
     while (got < length) {
       const ssize_t n =
-          ::pread(fd_, text.data() + head.size() + got, length - got, static_cast<off_t>(begin + got));
+          ::pread(fd_, text.get() + head.size() + got, length - got, static_cast<off_t>(begin + got));
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) changed();
       got += static_cast<size_t>(n);
     }
-    text += tail;
+    std::memcpy(text.get() + head.size() + length, tail.data(), tail.size());
     pugi::xml_document doc;
-    if (!doc.load_buffer_inplace(text.data(), text.size(), flags_, pugi::encoding_utf8)) changed();
+    if (!doc.load_buffer_inplace(text.get(), total, flags_, pugi::encoding_utf8)) changed();
     // The section's element children are the remembered ones, in order.
     size_t k = i;
     const pugi::xml_node holder = doc.document_element().first_child().first_child();
