@@ -13,7 +13,8 @@ seconds="${1:-60}"
 "$root/scripts/install-deps.sh" clang-14 libclang-rt-14-dev
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++-14 -DKAVREL_FUZZ=ON \
   -DKAVREL_BUILD_TESTS=OFF -DKAVREL_BUILD_TOOLS=OFF -DKAVREL_BUILD_BENCH=OFF >/dev/null
-cmake --build "$build" -j "$(nproc)" --target fuzz_target_import fuzz_parameters_import fuzz_connection_string
+cmake --build "$build" -j "$(nproc)" --target fuzz_target_import fuzz_parameters_import fuzz_connection_string \
+  fuzz_piecewise_import
 
 run() {
   local name="$1"
@@ -26,5 +27,6 @@ run() {
     -print_final_stats=1 "$corpus" "$@" </dev/null)
 }
 run target_import "$root/examples"
+run piecewise_import "$root/examples"
 run parameters_import "$root/examples"
 run connection_string "$root/tests/fuzz/corpus/connection"

@@ -766,18 +766,19 @@ void DataItems::createXMLnode(xml::Document& odoc, xml::Node parent) {
 }
 
 void DataItems::loadXml(xml::Document& odoc, xml::Node parNode, const std::shared_ptr<TargetItem>& Ptarget) {
-  std::vector<xml::Node> nodes;
-  if (!trap([&] { nodes = parNode.selectNodes("Data"); })) return;
-  reserve(static_cast<size_t>(Count()) + nodes.size());
-  for (const auto& node : nodes) {
+  size_t count = 0;
+  if (!trap([&] { count = odoc.countChildren(parNode, "Data"); })) return;
+  reserve(static_cast<size_t>(Count()) + count);
+  // One element at a time: a large document read in pieces never holds
+  // more than the element being read.
+  odoc.forEachChild(parNode, "Data", [&](const xml::Node& node) {
     auto d = std::make_shared<DataItem>();
     d->setParent(Ptarget);
     d->loadXml(odoc, node);
-    odoc.discardRead(node);
     // The complement of the pending number is non-zero for every number but
     // -1: items that reported an error are kept too.
     if (~lastError().number) trap([&] { AddData(d); });
-  }
+  });
 }
 
 }  // namespace kavrel

@@ -289,12 +289,12 @@ void OrganeItems::createXMLnode(xml::Document& odoc, xml::Node parent) {
 }
 
 void OrganeItems::loadXml(xml::Document& odoc, xml::Node node, const std::shared_ptr<TargetItem>& Ptarget) {
-  for (const auto& n : node.selectNodes("Device")) {
+  odoc.forEachChild(node, "Device", [&](const xml::Node& n) {
     auto o = std::make_shared<OrganeItem>();
     o->setParent(Ptarget);
     o->loadXml(odoc, n);
     AddData(o);
-  }
+  });
 }
 
 void OrganeItems::DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {

@@ -384,17 +384,16 @@ void RequestItems::createXMLnode(xml::Document& odoc, xml::Node parent) {
 }
 
 void RequestItems::loadXml(xml::Document& odoc, xml::Node node, const std::shared_ptr<TargetItem>& target) {
-  std::vector<xml::Node> nodes;
-  if (!trap([&] { nodes = node.selectNodes("Request"); })) return;
-  reserve(static_cast<size_t>(Count()) + nodes.size());
-  for (const auto& n : nodes) {
+  size_t count = 0;
+  if (!trap([&] { count = odoc.countChildren(node, "Request"); })) return;
+  reserve(static_cast<size_t>(Count()) + count);
+  odoc.forEachChild(node, "Request", [&](const xml::Node& n) {
     auto r = std::make_shared<RequestItem>();
     r->setParent(target);
     r->loadXml(odoc, n);
-    odoc.discardRead(n);
     // Added even when its element was incomplete (the error stays pending).
     trap([&] { AddData(r); });
-  }
+  });
 }
 
 void RequestItems::DbInsertAll(db::Connection& conn, int32_t Address, int32_t targetid) {

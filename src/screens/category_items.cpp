@@ -134,7 +134,7 @@ void CategoryItems::createXMLnode(xml::Document& odoc, xml::Node parent) {
 
 void CategoryItems::loadXml(xml::Document& odoc, xml::Node parNode, const std::shared_ptr<TargetItem>& Ptarget) {
   screens::KeepPendingError keep;
-  for (const auto& n : parNode.selectNodes("Category")) {
+  odoc.forEachChild(parNode, "Category", [&](const xml::Node& n) {
     clearLastError();
     auto c = std::make_shared<CategoryItem>();
     c->setParent(Ptarget);
@@ -142,7 +142,7 @@ void CategoryItems::loadXml(xml::Document& odoc, xml::Node parNode, const std::s
     // Kept after any outcome but a pending error numbered -1: a category
     // without a name is kept (with an empty name).
     if (~lastError().number != 0) AddData(c);
-  }
+  });
 }
 
 void CategoryItems::read(db::Connection& conn, const std::shared_ptr<TargetItem>& target, int depth) {

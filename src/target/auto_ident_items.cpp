@@ -133,13 +133,13 @@ void AutoIdentItems::createXMLnode(xml::Document& odoc, xml::Node parent) const 
 
 void AutoIdentItems::loadXml(xml::Document& odoc, xml::Node node, const std::shared_ptr<TargetItem>& target) {
   if (node.isNull()) return;
-  for (const xml::Node& el : node.selectNodes("AutoIdent")) {
+  odoc.forEachChild(node, "AutoIdent", [&](const xml::Node& el) {
     auto e = std::make_shared<AutoIdentItem>();
     e->setParent(target);
     // A bad number leaves the entry's default and stays pending.
     trap([&] { e->loadXml(odoc, el); });
     AddData(e);
-  }
+  });
 }
 
 void AutoIdentItems::dbDelete(db::Connection& conn, const Ptr& AutoIdent) {

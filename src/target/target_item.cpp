@@ -15,6 +15,7 @@
 #include "kavrel/target/auto_ident_items.h"
 #include "kavrel/target/target_param_item.h"
 #include "requests/position_support.h"
+#include "target/document_layout.h"
 #include "target/target_support.h"
 
 namespace kavrel {
@@ -367,6 +368,15 @@ xml::Node TargetItem::createXMLnode(xml::Document& odoc, xml::Node parent) {
   }
   target::endLines(el);
   return el;
+}
+
+const xml::PiecewiseLayout& target::documentLayout() {
+  static const xml::PiecewiseLayout layout{
+      "xml",
+      "kvr:Target",
+      {"Function", "Language", "Description", "DateOfficialisation", "Failures", "Boot", "Protocol", "K", "CAN"},
+      {"Datas", "Requests", "Devices", "ds:Categories", "AutoIdents"}};
+  return layout;
 }
 
 void TargetItem::loadXml(xml::Document& odoc, xml::Node node) {

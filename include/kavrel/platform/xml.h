@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -140,6 +141,20 @@ class Node {
 // doubled). Empty for a null node.
 std::string elementPath(const Node& node);
 
+// Which parts of a large document its one-time reader looks at, for
+// Document::loadPiecewise. The reader reads the first child named `top` of
+// the document element `root`; under it, the first child of each name in
+// `kept` is kept whole, and the first child of each name in `sections` is
+// kept without its content: the element children of a section are read one
+// at a time through Document::forEachChild. Every other child of `top` (and
+// of `root`) is checked and then left out of the loaded tree.
+struct PiecewiseLayout {
+  std::string root;
+  std::string top;
+  std::vector<std::string> kept;
+  std::vector<std::string> sections;
+};
+
 struct ParseError {
   int code = 0;  // 0 = no error
   std::string reason;
@@ -200,6 +215,34 @@ class Document {
   // once; does nothing otherwise. Handles to the removed nodes are then
   // invalid.
   void discardRead(const Node& done);
+
+  // Loads a large document for a reader that reads it once, in
+  // `layout`'s pieces, so that memory follows the largest piece instead of
+  // the document: a first pass streams the file (no copy of it in memory),
+  // checks every part of it as load() would, and keeps a small tree of the
+  // parts the layout names; the content of each section stays in the file
+  // (its place remembered) and is parsed one child at a time by
+  // forEachChild, which reads the file again. The document is read-once
+  // (setReadOnce(true)). Anything the first pass does not take (a document
+  // not in UTF-8, a document element of another name, a malformed document)
+  // is loaded whole by load(), so the result, and for a malformed document
+  // the parse error with its line and column, are load()'s; refusing a
+  // malformed document costs what loading it whole costs. The file must not
+  // change until the reader is done: a section child that no longer parses
+  // throws kavrel::Error 75 from forEachChild.
+  bool loadPiecewise(const std::string& path, const PiecewiseLayout& layout);
+  // True after loadPiecewise took the piecewise way.
+  bool piecewise() const;
+
+  // The element children of `parent` named `name`, in document order: each
+  // is passed to `f` and then, in a read-once document, discarded
+  // (discardRead). For a section of a piecewise document each is parsed on
+  // its own from the file into a small tree (its ancestors are there with
+  // their attributes, not their other children) that is freed after `f`.
+  // What `f` throws propagates, after that tree is freed.
+  void forEachChild(const Node& parent, std::string_view name, const std::function<void(const Node&)>& f);
+  // How many children forEachChild would pass.
+  size_t countChildren(const Node& parent, std::string_view name) const;
 
   // A document written as it is built (an exporter's own, built in
   // document order and saved once): each node goes straight into the saved

@@ -21,6 +21,7 @@
 #include "kavrel/error.h"
 #include "kavrel/platform/xml.h"
 #include "platform/pugixml/xml_encoding.h"
+#include "platform/pugixml/xml_piecewise.h"
 #include "platform/pugixml/xml_stream.h"
 
 namespace kavrel::xml {
@@ -506,6 +507,9 @@ struct Document::Impl {
   bool readOnce = false;
   // Set while the document is written as it is built (no tree then).
   std::unique_ptr<detail::XmlStream> stream;
+  // Set when the document was loaded in pieces: the file and where the
+  // sections' children lie in it.
+  std::unique_ptr<detail::PiecewiseFile> pieces;
 
   bool fail(int code, std::string reason, std::string_view text = {}, size_t offset = 0, bool located = false) {
     doc.reset();
@@ -669,6 +673,7 @@ Node Document::appendElement(std::string_view name) { return root().appendElemen
 
 bool Document::load(const std::string& path) {
   impl_->stream.reset();
+  impl_->pieces.reset();
   std::error_code ec;
   if (std::filesystem::is_directory(path, ec))
     return impl_->fail(pugi::status_io_error, "Cannot read \"" + path + "\": it is a directory");
@@ -707,7 +712,77 @@ bool Document::load(const std::string& path) {
 
 bool Document::loadString(std::string_view text) {
   impl_->stream.reset();
+  impl_->pieces.reset();
   return impl_->parseInPlace(detail::decodeUtf8(text), [&] { return detail::decodeUtf8(text); });
+}
+
+bool Document::loadPiecewise(const std::string& path, const PiecewiseLayout& layout) {
+  impl_->stream.reset();
+  impl_->pieces.reset();
+  impl_->readOnce = true;
+  std::string skeleton;
+  auto pieces = detail::PiecewiseFile::scan(path, layout, impl_->parseFlags(), skeleton);
+  if (pieces) {
+    // The skeleton is checked and parsed as a whole document is.
+    detail::Decoded decoded = detail::decodeDocument(std::move(skeleton));
+    size_t at = 0;
+    std::string reason;
+    if (decoded.code == 0 && detail::checkXmlCharacters(decoded.utf8, at, reason)) {
+      const std::optional<std::string> declared = Impl::writtenDeclaration(decoded.utf8);
+      impl_->doc.reset();
+      impl_->storage = std::move(decoded.utf8);
+      const pugi::xml_parse_result result = impl_->doc.load_buffer_inplace(
+          impl_->storage.data(), impl_->storage.size(), impl_->parseFlags(), pugi::encoding_utf8);
+      pugi::xml_node top = impl_->doc.document_element().child(layout.top.c_str());
+      while (top && top.type() != pugi::node_element) top = top.next_sibling(layout.top.c_str());
+      if (result && impl_->strictlyValid()) {
+        impl_->keepDeclaration(declared);
+        pieces->bind(top);
+        impl_->pieces = std::move(pieces);
+        impl_->error = ParseError{};
+        return true;
+      }
+    }
+  }
+  // Not a document the pieces can take, or a malformed one: the whole load
+  // decides, and reports where it fails.
+  impl_->doc.reset();
+  impl_->storage = std::string();
+  return load(path);
+}
+
+bool Document::piecewise() const { return impl_->pieces != nullptr; }
+
+void Document::forEachChild(const Node& parent, std::string_view name, const std::function<void(const Node&)>& f) {
+  if (parent.stream_ != nullptr) unreadable("forEachChild");
+  if (parent.attr_ != nullptr || parent.node_ == nullptr) return;
+  if (impl_->pieces)
+    if (const auto* section = impl_->pieces->sectionOf(parent.node_)) {
+      impl_->pieces->forEach(*section, name, [&](const pugi::xml_node& c) { f(Node(c.internal_object(), nullptr)); });
+      return;
+    }
+  const TerminatedName wanted(name);
+  pugi::xml_node c = pnode(parent.node_).child(wanted.c_str());
+  while (c) {
+    // The next one is taken before this one may be discarded.
+    const pugi::xml_node next = c.next_sibling(wanted.c_str());
+    if (c.type() == pugi::node_element) {
+      const Node n(c.internal_object(), nullptr);
+      f(n);
+      discardRead(n);
+    }
+    c = next;
+  }
+}
+
+size_t Document::countChildren(const Node& parent, std::string_view name) const {
+  if (parent.stream_ != nullptr) unreadable("countChildren");
+  if (parent.attr_ != nullptr || parent.node_ == nullptr) return 0;
+  if (impl_->pieces)
+    if (const auto* section = impl_->pieces->sectionOf(parent.node_)) return impl_->pieces->count(*section, name);
+  size_t n = 0;
+  forEachChildNamed(parent.node_, nullptr, name, [&](pugi::xml_node) { return ++n, true; });
+  return n;
 }
 
 const ParseError& Document::parseError() const { return impl_->error; }
