@@ -42,6 +42,7 @@ class PgConnection final : public Connection {
   ~PgConnection() override { db_->close(); }
 
   std::unique_ptr<Recordset> execute(std::string_view sql) override {
+    if (db_->batching()) db_->flushBatches();
     std::string adapted = db_->adapt(sql);
     Result r = db_->run(adapted, {}, sql);
     if (PQresultStatus(r.get()) == PGRES_TUPLES_OK) return makeForwardRecordset(db_, std::move(r), sql);
@@ -56,6 +57,7 @@ class PgConnection final : public Connection {
   int64_t recordsAffected() const override { return db_->recordsAffected; }
 
   std::unique_ptr<ClientRecordset> openClient(std::string_view sql) override {
+    if (db_->batching()) db_->flushBatches();
     std::string adapted = db_->adapt(sql);
     return makeClientRecordset(db_, db_->run(adapted, {}, sql), sql);
   }
@@ -66,17 +68,21 @@ class PgConnection final : public Connection {
 
   void begin() override {
     syncDepth();
+    db_->checkBatch();
     if (db_->transactionDepth == 0) {
       db_->control("BEGIN");
     } else {
       db_->control("SAVEPOINT " + savepoint(db_->transactionDepth));
     }
     ++db_->transactionDepth;
+    db_->levelBegun();
   }
 
   void commit() override {
     if (!syncDepth()) noTransaction("commit");
+    db_->checkBatch();
     if (db_->transactionDepth == 1) {
+      if (db_->batching()) db_->flushBatches();
       db_->settleAutonumbers();
       Result r(PQexec(db_->handle(), "COMMIT"));
       // A transaction a failure left unusable is rolled back by COMMIT.
@@ -93,6 +99,7 @@ class PgConnection final : public Connection {
       db_->control("RELEASE " + savepoint(db_->transactionDepth - 1));
     }
     --db_->transactionDepth;
+    db_->levelCommitted();
   }
 
   void rollback() override {
@@ -104,15 +111,25 @@ class PgConnection final : public Connection {
       db_->control("ROLLBACK TO " + name + "; RELEASE " + name);
     }
     --db_->transactionDepth;
+    db_->levelRolledBack();
   }
 
   int transactionDepth() const override { return db_->transactionDepth; }
 
   void deferConstraintChecks() override {
-    if (db_->transactionDepth > 0) db_->control("SET CONSTRAINTS ALL DEFERRED");
+    db_->checkBatch();
+    if (db_->transactionDepth > 0) {
+      db_->constraintsDeferred();
+      db_->control("SET CONSTRAINTS ALL DEFERRED");
+    }
   }
 
+  void beginBatchedWrites() override { db_->beginBatch(); }
+  void endBatchedWrites() override { db_->endBatch(); }
+  bool batchesWrites() const override { return true; }
+
   void lockKey(std::string_view key) override {
+    db_->checkBatch();
     if (db_->transactionDepth > 0) db_->run("SELECT pg_advisory_xact_lock(hashtextextended($1, 0))", {std::string(key)});
   }
 

@@ -1,0 +1,255 @@
+// Batched writes: rows added through updatable result sets are held as COPY
+// text, one buffer per table and set of columns, and written with one COPY
+// each when something else needs the database (a read, a statement, an edit,
+// the end of the scope). Relations are deferred for the scope and checked
+// at its end, so that rows of different tables can be written in any order.
+//
+// Autonumbers are set aside in blocks (nextval over a series) and written
+// explicitly, so a new row's id reads back at once. Ids set aside and not
+// used are lost, as those of a rolled-back insert are: autonumbers have gaps.
+//
+// A batch that fails leaves the transaction unusable until the level the
+// scope began in is rolled back: every operation but rollback throws the
+// failure again, so no half-written batch can be committed.
+#include <algorithm>
+#include <cstdlib>
+
+#include "platform/postgres/pg_internal.h"
+
+namespace kavrel::db::postgres {
+
+namespace {
+
+// A table's batch is written once it holds this much text.
+constexpr size_t kFlushBytes = 8u << 20;
+// Autonumbers set aside at once: the first block, then twice what was used,
+// up to the last.
+constexpr int64_t kFirstBlock = 32;
+constexpr int64_t kLargestBlock = 8192;
+
+void appendCopyField(std::string& out, const Param& p) {
+  if (!p) {
+    out += "\\N";
+    return;
+  }
+  for (char c : *p) {
+    switch (c) {
+      case '\\': out += "\\\\"; break;
+      case '\t': out += "\\t"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      default: out += c;
+    }
+  }
+}
+
+}  // namespace
+
+void Database::checkBatch() const {
+  if (batchFailure_) throw *batchFailure_;
+}
+
+void Database::dropRows() {
+  for (Batch& b : batches_) {
+    b.rows.clear();
+    b.serials.clear();
+    b.bytes = 0;
+  }
+}
+
+void Database::failBatch(DbError e) {
+  batchFailure_ = e;
+  failureLevel_ = batchLevel_;
+  dropRows();
+  fail(std::move(e));
+}
+
+void Database::beginBatch() {
+  if (batchDepth_++ > 0) return;
+  batchLevel_ = transactionDepth;
+  if (batchLevel_ == 0) return;  // outside a transaction each row is written at once
+  checkBatch();
+  control("SET CONSTRAINTS ALL DEFERRED");
+}
+
+void Database::endBatch() {
+  if (batchDepth_ == 0) return;
+  if (--batchDepth_ > 0) return;
+  const int level = batchLevel_;
+  struct Clear {
+    Database& d;
+    ~Clear() {
+      d.batchLevel_ = 0;
+      d.batches_.clear();
+      d.batchIndex_.clear();
+      d.reserves_.clear();
+      d.levelMarks_.clear();
+    }
+  } clear{*this};
+  if (level == 0 || transactionDepth < level) return;
+  checkBatch();
+  flushBatches();
+  // Relations are checked now, as they would have been row by row.
+  Result r(PQexec(handle(), "SET CONSTRAINTS ALL IMMEDIATE"));
+  if (!succeeded(r)) {
+    DbError cause = errorOf(r, "SET CONSTRAINTS ALL IMMEDIATE");
+    if (!isRowRefusal(cause)) failBatch(cause);
+    failBatch(DbError(kErrBatchRefused, kSource, "A row of the batch was refused: " + cause.description(),
+                      cause.backendCode(), cause.backendMessage()));
+  }
+  if (deferredLevel_ > 0 && deferredLevel_ <= transactionDepth) control("SET CONSTRAINTS ALL DEFERRED");
+}
+
+void Database::flushBatches() {
+  checkBatch();
+  std::string data;
+  for (Batch& b : batches_) {
+    data.clear();
+    for (size_t i = 0; i < b.rows.size(); ++i) {
+      if (b.serials[i] == 0) continue;
+      const std::vector<Param>& row = b.rows[i];
+      for (size_t c = 0; c < row.size(); ++c) {
+        if (c) data += '\t';
+        appendCopyField(data, row[c]);
+      }
+      data += '\n';
+    }
+    b.rows.clear();
+    b.serials.clear();
+    b.bytes = 0;
+    if (data.empty()) continue;
+    PGconn* c = handle();
+    Result start(PQexec(c, b.copySql.c_str()));
+    if (statusOf(start) != PGRES_COPY_IN) failBatch(errorOf(start, b.copySql));
+    bool sent = PQputCopyData(c, data.data(), static_cast<int>(data.size())) == 1 && PQputCopyEnd(c, nullptr) == 1;
+    Result done(PQgetResult(c));
+    while (PGresult* extra = PQgetResult(c)) PQclear(extra);
+    if (!sent || !succeeded(done)) {
+      DbError cause = errorOf(done, b.copySql);
+      if (!sent || !isRowRefusal(cause)) failBatch(cause);
+      failBatch(DbError(kErrBatchRefused, kSource, "A row of the batch was refused: " + cause.description(),
+                        cause.backendCode(), cause.backendMessage()));
+    }
+  }
+  // What was held is on the server now: its savepoints undo it.
+  for (auto& marks : levelMarks_) std::fill(marks.begin(), marks.end(), 0);
+}
+
+HeldRow Database::holdRow(const std::string& table, const std::vector<std::string>& columns, std::vector<Param> values) {
+  checkBatch();
+  std::string key = table;
+  for (const std::string& c : columns) key += '\x1f' + c;
+  auto it = batchIndex_.find(key);
+  if (it == batchIndex_.end()) {
+    Batch b;
+    b.table = table;
+    b.columns = columns;
+    b.copySql = "COPY " + quoteIdentifier(table) + " (";
+    for (size_t i = 0; i < columns.size(); ++i) b.copySql += (i ? ", " : "") + quoteIdentifier(columns[i]);
+    b.copySql += ") FROM STDIN";
+    batches_.push_back(std::move(b));
+    it = batchIndex_.emplace(std::move(key), batches_.size() - 1).first;
+  }
+  Batch& b = batches_[it->second];
+  HeldRow held{it->second, b.rows.size(), ++nextSerial_};
+  for (const Param& p : values) b.bytes += (p ? p->size() : 0) + 8;
+  b.rows.push_back(std::move(values));
+  b.serials.push_back(held.serial);
+  if (b.bytes >= kFlushBytes) {
+    flushBatches();
+    held.serial = 0;
+  }
+  return held;
+}
+
+bool Database::isHeld(const HeldRow& row) const {
+  if (row.serial == 0 || row.batch >= batches_.size()) return false;
+  const Batch& b = batches_[row.batch];
+  return row.index < b.serials.size() && b.serials[row.index] == row.serial;
+}
+
+bool Database::editHeld(HeldRow& row, const std::string& column, Param value) {
+  if (!isHeld(row)) return false;
+  Batch& b = batches_[row.batch];
+  auto at = std::find(b.columns.begin(), b.columns.end(), column);
+  if (at != b.columns.end()) {
+    b.rows[row.index][static_cast<size_t>(at - b.columns.begin())] = std::move(value);
+    return true;
+  }
+  // A column the row was not added with: it moves to the batch that has it.
+  std::vector<std::string> columns = b.columns;
+  std::vector<Param> values = std::move(b.rows[row.index]);
+  b.serials[row.index] = 0;
+  columns.push_back(column);
+  values.push_back(std::move(value));
+  const std::string table = b.table;
+  row = holdRow(table, columns, std::move(values));
+  return true;
+}
+
+bool Database::dropHeld(const HeldRow& row) {
+  if (!isHeld(row)) return false;
+  batches_[row.batch].serials[row.index] = 0;
+  return true;
+}
+
+int64_t Database::reserveAutonumber(const TableInfo& table) {
+  Reserve& r = reserves_[table.name];
+  if (r.next >= r.ids.size()) {
+    r.block = std::min(kLargestBlock, r.block == 0 ? kFirstBlock : r.block * 2);
+    Result res = run("SELECT nextval($1::regclass) FROM generate_series(1, $2::integer)",
+                     {table.identitySequence, std::to_string(r.block)});
+    r.ids.clear();
+    r.next = 0;
+    for (int i = 0; i < PQntuples(res.get()); ++i) r.ids.push_back(std::atoll(PQgetvalue(res.get(), i, 0)));
+    if (r.ids.empty()) fail(DbError(1, kSource, "No autonumber could be set aside for " + table.name, 1, ""));
+  }
+  return r.ids[r.next++];
+}
+
+void Database::levelBegun() {
+  if (!batching()) return;
+  std::vector<size_t> marks;
+  marks.reserve(batches_.size());
+  for (const Batch& b : batches_) marks.push_back(b.rows.size());
+  levelMarks_.push_back(std::move(marks));
+}
+
+void Database::levelCommitted() {
+  if (deferredLevel_ > transactionDepth) deferredLevel_ = 0;
+  if (batchLevel_ == 0 || levelMarks_.empty()) return;
+  if (transactionDepth >= batchLevel_) levelMarks_.pop_back();
+}
+
+void Database::levelRolledBack() {
+  if (deferredLevel_ > transactionDepth) deferredLevel_ = 0;
+  if (batchFailure_ && transactionDepth < failureLevel_) {
+    // The level the failed scope began in is gone, and the failure with it.
+    batchFailure_.reset();
+    failureLevel_ = 0;
+  }
+  if (batchLevel_ == 0) return;
+  if (transactionDepth < batchLevel_) {
+    // The scope's own level is gone, and with it whatever was held.
+    dropRows();
+    levelMarks_.clear();
+    return;
+  }
+  if (levelMarks_.empty()) return;
+  const std::vector<size_t>& marks = levelMarks_.back();
+  for (size_t i = 0; i < batches_.size(); ++i) {
+    Batch& b = batches_[i];
+    const size_t keep = i < marks.size() ? marks[i] : 0;
+    if (keep < b.rows.size()) {
+      b.rows.resize(keep);
+      b.serials.resize(keep);
+    }
+  }
+  levelMarks_.pop_back();
+}
+
+void Database::constraintsDeferred() {
+  if (deferredLevel_ == 0 || deferredLevel_ > transactionDepth) deferredLevel_ = transactionDepth;
+}
+
+}  // namespace kavrel::db::postgres
