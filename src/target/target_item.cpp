@@ -375,7 +375,12 @@ void TargetItem::dbInsertTargetAll(db::Connection& conn) {
       held.release();
       return;
     } catch (const Error& e) {
-      if (e.number() != db::kErrBatchRefused) throw;
+      if (e.number() != db::kErrBatchRefused) {
+        // A fault: everything is undone, the objects too (no id of a row
+        // that is gone).
+        snapshot.restore();
+        throw;
+      }
     }
   }
   // A batch was refused: the attempt is rolled back and its host entries

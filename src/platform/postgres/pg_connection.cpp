@@ -42,6 +42,7 @@ class PgConnection final : public Connection {
   ~PgConnection() override { db_->close(); }
 
   std::unique_ptr<Recordset> execute(std::string_view sql) override {
+    db_->checkBatch();
     if (db_->batching()) db_->flushBatches();
     std::string adapted = db_->adapt(sql);
     Result r = db_->run(adapted, {}, sql);
@@ -57,6 +58,7 @@ class PgConnection final : public Connection {
   int64_t recordsAffected() const override { return db_->recordsAffected; }
 
   std::unique_ptr<ClientRecordset> openClient(std::string_view sql) override {
+    db_->checkBatch();
     if (db_->batching()) db_->flushBatches();
     std::string adapted = db_->adapt(sql);
     return makeClientRecordset(db_, db_->run(adapted, {}, sql), sql);

@@ -278,6 +278,7 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
 
   void load() {
     if (loaded_) return;
+    db_->checkBatch();
     if (db_->batching()) db_->flushBatches();
     Result r = db_->run(select_, {}, shownSql_);
     const int n = PQntuples(r.get());
