@@ -302,6 +302,9 @@ struct TableCopy {
 // schema missing in the source, a column of the source the schema does not
 // have, a row refused, counts that differ) it throws and the destination is
 // left as it was; the source is only read.
+// The rows go in batched writes (Connection::beginBatchedWrites): on an
+// engine that batches, a refused row is reported as kErrBatchRefused for
+// its table once that table's rows are written.
 std::vector<TableCopy> copyDatabase(Connection& source, Connection& destination,
                                     const std::function<void(const TableCopy&)>& progress = {});
 
