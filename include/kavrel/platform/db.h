@@ -170,7 +170,9 @@ class Connection {
   // aside beforehand), and so do the columns the database fills. Anything
   // else on the connection (a read, execute, begin, commit, rollback,
   // deferConstraintChecks, openClient, editing or deleting a row) writes what
-  // is held first. Relations are checked when the outermost scope ends.
+  // is held first. Held rows are written parent tables first, so a row
+  // that refers to a row added after it in the scope is not refused, as it
+  // would be row by row; other rules are checked as row by row.
   //
   // A row refused when its batch is written is not reported by the update()
   // that added it: the write that fails throws kErrBatchRefused (never a row

@@ -1,8 +1,10 @@
-// Batched writes: rows added through updatable result sets are held as COPY
-// text, one buffer per table and set of columns, and written with one COPY
-// each when something else needs the database (a read, a statement, an edit,
-// the end of the scope). Relations are deferred for the scope and checked
-// at its end, so that rows of different tables can be written in any order.
+// Batched writes: rows added through updatable result sets are held, one
+// batch per table and set of columns, and written with one COPY each when
+// something else needs the database (a read, a statement, an edit, the end
+// of the scope). Batches are written in the schema's order of tables, a table
+// after the tables it refers to, so that relations hold at each COPY and are
+// checked there as they are row by row (deferring them to the end of the
+// scope costs about as much again as the writing itself).
 //
 // Autonumbers are set aside in blocks (nextval over a series) and written
 // explicitly, so a new row's id reads back at once. Ids set aside and not
@@ -43,6 +45,19 @@ void appendCopyField(std::string& out, const Param& p) {
   }
 }
 
+// Where the table comes in the schema (a table after those it refers to);
+// tables of no schema come last.
+size_t tableRank(const std::string& stored) {
+  static const std::unordered_map<std::string, size_t> ranks = [] {
+    std::unordered_map<std::string, size_t> m;
+    const std::vector<std::string> tables = schemaTables();
+    for (size_t i = 0; i < tables.size(); ++i) m.emplace(memory::foldName(tables[i]), i);
+    return m;
+  }();
+  auto it = ranks.find(stored);
+  return it == ranks.end() ? ranks.size() : it->second;
+}
+
 }  // namespace
 
 void Database::checkBatch() const {
@@ -69,7 +84,6 @@ void Database::beginBatch() {
   batchLevel_ = transactionDepth;
   if (batchLevel_ == 0) return;  // outside a transaction each row is written at once
   checkBatch();
-  control("SET CONSTRAINTS ALL DEFERRED");
 }
 
 void Database::endBatch() {
@@ -89,21 +103,16 @@ void Database::endBatch() {
   if (level == 0 || transactionDepth < level) return;
   checkBatch();
   flushBatches();
-  // Relations are checked now, as they would have been row by row.
-  Result r(PQexec(handle(), "SET CONSTRAINTS ALL IMMEDIATE"));
-  if (!succeeded(r)) {
-    DbError cause = errorOf(r, "SET CONSTRAINTS ALL IMMEDIATE");
-    if (!isRowRefusal(cause)) failBatch(cause);
-    failBatch(DbError(kErrBatchRefused, kSource, "A row of the batch was refused: " + cause.description(),
-                      cause.backendCode(), cause.backendMessage()));
-  }
-  if (deferredLevel_ > 0 && deferredLevel_ <= transactionDepth) control("SET CONSTRAINTS ALL DEFERRED");
 }
 
 void Database::flushBatches() {
   checkBatch();
+  std::vector<size_t> order(batches_.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return batches_[a].rank < batches_[b].rank; });
   std::string data;
-  for (Batch& b : batches_) {
+  for (size_t at : order) {
+    Batch& b = batches_[at];
     data.clear();
     for (size_t i = 0; i < b.rows.size(); ++i) {
       if (b.serials[i] == 0) continue;
@@ -143,6 +152,7 @@ HeldRow Database::holdRow(const std::string& table, const std::vector<std::strin
   if (it == batchIndex_.end()) {
     Batch b;
     b.table = table;
+    b.rank = tableRank(table);
     b.columns = columns;
     b.copySql = "COPY " + quoteIdentifier(table) + " (";
     for (size_t i = 0; i < columns.size(); ++i) b.copySql += (i ? ", " : "") + quoteIdentifier(columns[i]);
@@ -216,13 +226,11 @@ void Database::levelBegun() {
 }
 
 void Database::levelCommitted() {
-  if (deferredLevel_ > transactionDepth) deferredLevel_ = 0;
   if (batchLevel_ == 0 || levelMarks_.empty()) return;
   if (transactionDepth >= batchLevel_) levelMarks_.pop_back();
 }
 
 void Database::levelRolledBack() {
-  if (deferredLevel_ > transactionDepth) deferredLevel_ = 0;
   if (batchFailure_ && transactionDepth < failureLevel_) {
     // The level the failed scope began in is gone, and the failure with it.
     batchFailure_.reset();
@@ -247,9 +255,4 @@ void Database::levelRolledBack() {
   }
   levelMarks_.pop_back();
 }
-
-void Database::constraintsDeferred() {
-  if (deferredLevel_ == 0 || deferredLevel_ > transactionDepth) deferredLevel_ = transactionDepth;
-}
-
 }  // namespace kavrel::db::postgres

@@ -120,10 +120,7 @@ class PgConnection final : public Connection {
 
   void deferConstraintChecks() override {
     db_->checkBatch();
-    if (db_->transactionDepth > 0) {
-      db_->constraintsDeferred();
-      db_->control("SET CONSTRAINTS ALL DEFERRED");
-    }
+    if (db_->transactionDepth > 0) db_->control("SET CONSTRAINTS ALL DEFERRED");
   }
 
   void beginBatchedWrites() override { db_->beginBatch(); }

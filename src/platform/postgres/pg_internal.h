@@ -125,10 +125,11 @@ class Database {
   // True between beginBatchedWrites() and its end, inside a transaction.
   bool batching() const { return batchDepth_ > 0 && batchLevel_ > 0 && transactionDepth >= batchLevel_; }
   void beginBatch();
-  // Ends one scope; the outermost writes what is held and checks the
-  // relations. Throws as flushBatches().
+  // Ends one scope; the outermost writes what is held. Throws as
+  // flushBatches().
   void endBatch();
-  // Writes what is held, one COPY per table and set of columns. A refusal
+  // Writes what is held, one COPY per table and set of columns, parent
+  // tables first. A refusal
   // throws kErrBatchRefused, a fault the engine's error; either leaves the
   // connection failed (checkBatch) until the scope's level is rolled back.
   void flushBatches();
@@ -149,8 +150,6 @@ class Database {
   void levelBegun();
   void levelCommitted();
   void levelRolledBack();
-  // deferConstraintChecks() was asked for at the current level.
-  void constraintsDeferred();
 
  private:
   Result exec(const std::string& sql, const std::vector<Param>& params);
@@ -168,6 +167,7 @@ class Database {
 
   struct Batch {
     std::string table;  // as stored
+    size_t rank = 0;    // the order batches are written in
     std::vector<std::string> columns;
     std::string copySql;
     std::vector<std::vector<Param>> rows;
@@ -185,7 +185,6 @@ class Database {
   void failBatch(DbError e);
   int batchDepth_ = 0;
   int batchLevel_ = 0;     // the transaction level the outermost scope began in
-  int deferredLevel_ = 0;  // the level deferConstraintChecks() was asked for, or 0
   std::vector<Batch> batches_;
   std::unordered_map<std::string, size_t> batchIndex_;  // table + columns -> batches_
   std::vector<std::vector<size_t>> levelMarks_;         // rows held when each inner level began

@@ -396,6 +396,8 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
       holdPending(columns, values);
       return;
     }
+    // Written at once: the rows it may refer to go first.
+    if (db_->batching()) db_->flushBatches();
     added_.held = HeldRow();
     added_.heldColumns.clear();
     added_.heldValues.clear();
