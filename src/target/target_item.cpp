@@ -381,6 +381,9 @@ void TargetItem::dbInsertTargetAll(db::Connection& conn) {
         snapshot.restore();
         throw;
       }
+    } catch (...) {
+      snapshot.restore();
+      throw;
     }
   }
   // A batch was refused: the attempt is rolled back and its host entries
