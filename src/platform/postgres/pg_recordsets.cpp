@@ -363,20 +363,21 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
         if (columns_[i] == identity) pendingValues_[i] = Value(id);
       }
     }
-    added_.held = db_->holdRow(table_->name, columns, values);
-    if (idGiven) db_->autonumberGiven(table_->name);
-    added_.values.swap(pendingValues_);
-    added_.deleted = false;
-    added_.ctid.clear();
     if (readsId) {
       // Found again by its autonumber alone.
       auto at = std::find(columns.begin(), columns.end(), identity) - columns.begin();
       added_.heldColumns = {identity};
       added_.heldValues = {values[static_cast<size_t>(at)]};
+      added_.held = db_->holdRow(table_->name, columns, std::move(values));
     } else {
+      added_.held = db_->holdRow(table_->name, columns, values);
       added_.heldColumns = std::move(columns);
       added_.heldValues = std::move(values);
     }
+    if (idGiven) db_->autonumberGiven(table_->name);
+    added_.values.swap(pendingValues_);
+    added_.deleted = false;
+    added_.ctid.clear();
     pendingValues_.assign(columns_.size(), Value());
     onAdded_ = true;
     mode_ = Mode::None;
