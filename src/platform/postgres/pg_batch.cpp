@@ -135,7 +135,8 @@ void Database::flushBatches() {
     while (PGresult* extra = PQgetResult(c)) PQclear(extra);
     if (!sent || !succeeded(done)) {
       DbError cause = errorOf(done, b.copySql);
-      if (!sent || !isRowRefusal(cause)) failBatch(cause);
+      // Without the server's own reason (a connection lost mid-way) it is a fault.
+      if (!sent || sqlState(done).empty() || !isRowRefusal(cause)) failBatch(cause);
       failBatch(DbError(kErrBatchRefused, kSource, "A row of the batch was refused: " + cause.description(),
                         cause.backendCode(), cause.backendMessage()));
     }
