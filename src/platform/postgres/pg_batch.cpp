@@ -22,7 +22,7 @@ namespace kavrel::db::postgres {
 
 namespace {
 
-// A table's batch is written once it holds this much text.
+// What is held is written once one batch holds about this much.
 constexpr size_t kFlushBytes = 8u << 20;
 // Autonumbers set aside at once: the first block, then twice what was used,
 // up to the last.
@@ -80,10 +80,9 @@ void Database::failBatch(DbError e) {
 }
 
 void Database::beginBatch() {
-  if (batchDepth_++ > 0) return;
-  batchLevel_ = transactionDepth;
-  if (batchLevel_ == 0) return;  // outside a transaction each row is written at once
   checkBatch();
+  if (batchDepth_++ > 0) return;
+  batchLevel_ = transactionDepth;  // 0: outside a transaction each row is written at once
 }
 
 void Database::endBatch() {
