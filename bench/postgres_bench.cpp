@@ -76,6 +76,7 @@ std::string freshDatabase(PGconn* admin, const std::string& uri, const std::stri
 const char* const kTargetTables[] = {
     "cibles", "appartenance cible", "paramètres uce", "identification", "requêtes", "données", "fiches diag",
     "listes", "emplacement donnée", "donnée_ref", "organes", "lien_dtc_reqcontext", "lien_données_ds_organe",
+    // the screens, which the synthetic targets hold too
     "catégories", "ecrans", "titres", "boutons", "scenarios", "affichages", "données_aff", "extra_aff", "seuils"};
 
 std::string q(const std::string& name) { return "\"" + name + "\""; }

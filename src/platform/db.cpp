@@ -216,6 +216,20 @@ void Transaction::commit() {
   done_ = true;
 }
 
+BatchedWrites::~BatchedWrites() {
+  if (done_) return;
+  try {
+    conn_.endBatchedWrites();
+  } catch (...) {
+    // A destructor must not throw; the caller rolls the level back.
+  }
+}
+
+void BatchedWrites::end() {
+  done_ = true;
+  conn_.endBatchedWrites();
+}
+
 // --- connection strings ------------------------------------------------------
 
 namespace {

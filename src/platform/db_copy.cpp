@@ -111,6 +111,9 @@ std::vector<TableCopy> copyDatabase(Connection& source, Connection& destination,
   for (auto t = tables.rbegin(); t != tables.rend(); ++t) {
     forTable(*t, [&] { destination.execute("DELETE FROM " + bracket(*t)); });
   }
+  // Any refused row fails the whole copy, so the rows may go in batches
+  // (an engine that batches writes each table's rows at the count below).
+  BatchedWrites batched(destination);
   for (const std::string& table : tables) {
     TableCopy copy;
     copy.table = table;
@@ -154,6 +157,7 @@ std::vector<TableCopy> copyDatabase(Connection& source, Connection& destination,
     result.push_back(copy);
     if (progress) progress(copy);
   }
+  batched.end();
   tx.commit();
   return result;
 }

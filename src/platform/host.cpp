@@ -2,6 +2,10 @@
 
 #include <atomic>
 #include <utility>
+#include <variant>
+#include <vector>
+
+#include "platform/host_hold.h"
 
 namespace kavrel {
 
@@ -67,9 +71,60 @@ std::shared_ptr<MemoryHost> defaultHost() {
   return h;
 }
 
+// The innermost hold of the calling thread, or null.
+static thread_local HostServices* heldBy = nullptr;
+
 HostServices& host() {
+  if (heldBy) return *heldBy;
   std::lock_guard<std::mutex> lock(hostMutex);
   return *currentHost();
+}
+
+class HostHold::Holder final : public HostServices {
+ public:
+  struct Box {
+    std::string text, title;
+    MessageIcon icon;
+  };
+  struct Entry {
+    EventType type;
+    std::string text;
+  };
+  using Call = std::variant<Box, Entry, ImportEvent>;
+
+  void messageBox(std::string_view text, std::string_view title, MessageIcon icon) override {
+    calls.push_back(Box{std::string(text), std::string(title), icon});
+  }
+  void logEvent(EventType type, std::string_view text) override { calls.push_back(Entry{type, std::string(text)}); }
+  void importEvent(const ImportEvent& event) override { calls.push_back(event); }
+
+  std::vector<Call> calls;
+  HostServices* outer = nullptr;
+};
+
+HostHold::HostHold() : holder_(std::make_unique<Holder>()) {
+  holder_->outer = heldBy;
+  heldBy = holder_.get();
+}
+
+HostHold::~HostHold() {
+  if (holder_ && heldBy == holder_.get()) heldBy = holder_->outer;
+}
+
+void HostHold::release() {
+  if (!holder_ || heldBy != holder_.get()) return;
+  heldBy = holder_->outer;
+  std::unique_ptr<Holder> h = std::move(holder_);
+  HostServices& to = host();
+  for (const auto& call : h->calls) {
+    if (const auto* b = std::get_if<Holder::Box>(&call)) {
+      to.messageBox(b->text, b->title, b->icon);
+    } else if (const auto* e = std::get_if<Holder::Entry>(&call)) {
+      to.logEvent(e->type, e->text);
+    } else {
+      to.importEvent(std::get<ImportEvent>(call));
+    }
+  }
 }
 
 void setHost(std::shared_ptr<HostServices> services) {

@@ -1,19 +1,28 @@
 #include "kavrel/target/target_item.h"
 
+#include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "kavrel/catalogues/function_items.h"
 #include "kavrel/error.h"
 #include "kavrel/platform/db.h"
 #include "kavrel/platform/text.h"
 #include "kavrel/requests/data_items.h"
+#include "kavrel/requests/data_liste_items.h"
+#include "kavrel/requests/data_position_items.h"
 #include "kavrel/requests/organe_items.h"
 #include "kavrel/requests/request_items.h"
+#include "kavrel/screens/button_items.h"
 #include "kavrel/screens/category_items.h"
+#include "kavrel/screens/display_items.h"
+#include "kavrel/screens/label_items.h"
+#include "kavrel/screens/screen_items.h"
 #include "kavrel/session/kavrel_database.h"
 #include "kavrel/target/auto_ident_items.h"
 #include "kavrel/target/target_param_item.h"
+#include "platform/host_hold.h"
 #include "requests/position_support.h"
 #include "target/document_layout.h"
 #include "target/target_support.h"
@@ -38,6 +47,40 @@ void release(std::shared_ptr<C>& c) {
     c.reset();
   }
 }
+
+// What a whole-tree insert changes in the objects under a target, kept so
+// that an insert that is undone can put it back: new ids, changed flags, the
+// names it shortens, the links it sets. restore() puts back each value that
+// differs, newest first.
+class TreeSnapshot {
+ public:
+  template <class T, class Get, class Set>
+  void keep(const std::shared_ptr<T>& item, Get get, Set set) {
+    if (!item) return;
+    auto old = std::invoke(get, *item);
+    undo_.push_back([item, old, get, set] {
+      if (!(std::invoke(get, *item) == old)) std::invoke(set, *item, old);
+    });
+  }
+
+  template <class C, class F>
+  void each(const std::shared_ptr<C>& collection, F&& f) {
+    if (!collection) return;
+    for (const auto& item : *collection)
+      if (item) f(item);
+  }
+
+  void positions(const std::shared_ptr<DataPositionItems>& list) {
+    each(list, [&](const auto& p) { keep(p, &DataPositionItem::reference, &DataPositionItem::setReference); });
+  }
+
+  void restore() {
+    for (auto it = undo_.rbegin(); it != undo_.rend(); ++it) (*it)();
+  }
+
+ private:
+  std::vector<std::function<void()>> undo_;
+};
 
 }  // namespace
 
@@ -278,6 +321,80 @@ void TargetItem::dbInsertAppartenance(db::Connection& conn) {
 }
 
 void TargetItem::dbInsertTargetAll(db::Connection& conn) {
+  if (!conn.batchesWrites()) {
+    insertTree(conn);
+    return;
+  }
+  // Refused rows are rare in a whole-target insert: try it in batches
+  // first, in a nested transaction (a caller's own stays as it is), ready
+  // to undo it and write row by row.
+  TreeSnapshot snapshot;
+  const auto self = shared_from_this();
+  snapshot.keep(self, [](const TargetItem& t) { return t.targetid_; }, [](TargetItem& t, int32_t v) { t.targetid_ = v; });
+  snapshot.keep(self, [](const TargetItem& t) { return t.ValueChanged_; },
+                [](TargetItem& t, bool v) { t.ValueChanged_ = v; });
+  snapshot.keep(Parametres_, [](const TargetParamItem& p) { return p.changed_; },
+                [](TargetParamItem& p, bool v) { p.changed_ = v; });
+  snapshot.each(datas_, [&](const auto& d) {
+    snapshot.keep(d, &DataItem::id, &DataItem::setId);
+    snapshot.each(d->DataListes(),
+                  [&](const auto& e) { snapshot.keep(e, &DataListeItem::ValueChanged, &DataListeItem::setValueChanged); });
+    snapshot.positions(d->DataPositions());
+  });
+  snapshot.each(Requests_, [&](const auto& r) {
+    snapshot.keep(r, &RequestItem::requestId, &RequestItem::setRequestId);
+    snapshot.positions(r->DataPositions());
+  });
+  snapshot.each(Organes_, [&](const auto& o) {
+    snapshot.keep(o, &OrganeItem::id, &OrganeItem::setId);
+    snapshot.keep(o, [](const OrganeItem& x) { return x.organeName(); },
+                  [](OrganeItem& x, const std::string& v) { x.setOrganeName(v); });
+    snapshot.keep(o, [](const OrganeItem& x) { return x.Mnemonique(); },
+                  [](OrganeItem& x, const std::string& v) { x.setMnemonique(v); });
+  });
+  snapshot.each(Categories_, [&](const auto& c) {
+    snapshot.keep(c, &CategoryItem::categoryId, &CategoryItem::setCategoryId);
+    snapshot.each(c->Screens(), [&](const auto& s) {
+      snapshot.keep(s, &ScreenItem::screenId, &ScreenItem::setScreenId);
+      snapshot.keep(s, &ScreenItem::InitId, &ScreenItem::setInitId);
+      snapshot.keep(s, &ScreenItem::ButtonInit, &ScreenItem::setButtonInit);
+      snapshot.each(s->LabelItems(), [&](const auto& l) { snapshot.keep(l, &LabelItem::LabelId, &LabelItem::setLabelId); });
+      snapshot.each(s->ButtonItems(),
+                    [&](const auto& b) { snapshot.keep(b, &ButtonItem::buttonId, &ButtonItem::setButtonId); });
+      snapshot.each(s->DisplayItems(), [&](const auto& d) { snapshot.keep(d, &DisplayItem::id, &DisplayItem::setId); });
+    });
+  });
+  const ErrorRecord pending = lastError();
+  {
+    HostHold held;
+    try {
+      db::Transaction attempt(conn);
+      db::BatchedWrites batched(conn);
+      insertTree(conn);
+      batched.end();
+      attempt.commit();
+      held.release();
+      return;
+    } catch (const Error& e) {
+      if (e.number() != db::kErrBatchRefused) {
+        // A fault: everything is undone, the objects too (no id of a row
+        // that is gone).
+        snapshot.restore();
+        throw;
+      }
+    } catch (...) {
+      snapshot.restore();
+      throw;
+    }
+  }
+  // A batch was refused: the attempt is rolled back and its host entries
+  // dropped; the objects go back as they were and the rows go one by one.
+  snapshot.restore();
+  lastError() = pending;
+  insertTree(conn);
+}
+
+void TargetItem::insertTree(db::Connection& conn) {
   // One transaction for the whole tree: far fewer commits, and a failure
   // midway leaves no half-written target behind.
   db::Transaction tx(conn);

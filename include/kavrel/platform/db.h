@@ -161,6 +161,36 @@ class Connection {
   // nothing to do; outside a transaction nothing is held.
   virtual void lockKey(std::string_view key) { (void)key; }
 
+  // Batched writes, for bulk inserts where a refused row is rare. Between
+  // beginBatchedWrites() and the matching endBatchedWrites() (they nest;
+  // db::BatchedWrites pairs them), inside a transaction, a backend may hold
+  // the rows added through updatable result sets and write them later,
+  // several at once, by endBatchedWrites() at the latest. A new row's
+  // autonumber still reads back right after update() (the backend sets it
+  // aside beforehand), and so do the columns the database fills. Anything
+  // else on the connection (a read, execute, begin, commit, rollback,
+  // deferConstraintChecks, openClient, editing or deleting a row) writes what
+  // is held first. Held rows are written parent tables first, so a row
+  // that refers to a row added after it in the scope is not refused, as it
+  // would be row by row; other rules are checked as row by row.
+  //
+  // A row refused when its batch is written is not reported by the update()
+  // that added it: the write that fails throws kErrBatchRefused (never a row
+  // refusal for isRowRefusal), naming the engine's reason; a fault throws
+  // the engine's error. Either way what the scope wrote is incomplete: every
+  // later operation but rollback() throws kErrBatchRefused (or the fault)
+  // again, until the caller rolls back the transaction level the scope was
+  // begun in. Writing the same rows again one by one then reports each
+  // refusal where it arises.
+  //
+  // Outside a transaction, and on engines that write each row at once
+  // (the default), both calls do nothing.
+  virtual void beginBatchedWrites() {}
+  virtual void endBatchedWrites() {}
+  // True when this connection's engine holds rows in batched writes, so
+  // that a caller knows whether it must be ready to write them again.
+  virtual bool batchesWrites() const { return false; }
+
   // The errors of the last failing operation (newest last), like the legacy
   // connection's error list. clearErrors() empties it.
   virtual const std::vector<DbError>& errors() const = 0;
@@ -205,6 +235,26 @@ bool isConflict(const Error& e);
 // outermost transaction can be run again.
 inline constexpr int kConflictAttempts = 5;
 void retryOnConflict(Connection& conn, const std::function<void()>& work, const std::function<void()>& undo = {});
+
+// Error of a batch of rows (Connection::beginBatchedWrites) that the
+// database refused when it was written.
+inline constexpr int32_t kErrBatchRefused = 3197;
+
+// Batched writes for its lifetime (Connection::beginBatchedWrites). end()
+// writes what is held and may throw; the destructor ends the scope quietly
+// when end() was not reached (after a failure, which the caller rolls back).
+class BatchedWrites {
+ public:
+  explicit BatchedWrites(Connection& conn) : conn_(conn) { conn_.beginBatchedWrites(); }
+  ~BatchedWrites();
+  BatchedWrites(const BatchedWrites&) = delete;
+  BatchedWrites& operator=(const BatchedWrites&) = delete;
+  void end();
+
+ private:
+  Connection& conn_;
+  bool done_ = false;
+};
 
 // Rolls back on destruction unless committed (nest freely). A Read one
 // (Connection::beginRead) gives one snapshot to the reads inside it.
@@ -288,6 +338,9 @@ struct TableCopy {
 // schema missing in the source, a column of the source the schema does not
 // have, a row refused, counts that differ) it throws and the destination is
 // left as it was; the source is only read.
+// The rows go in batched writes (Connection::beginBatchedWrites): on an
+// engine that batches, a refused row is reported as kErrBatchRefused for
+// its table once that table's rows are written.
 std::vector<TableCopy> copyDatabase(Connection& source, Connection& destination,
                                     const std::function<void(const TableCopy&)>& progress = {});
 

@@ -77,11 +77,25 @@ class TargetItem : public std::enable_shared_from_this<TargetItem> {
   // left pending) and the rest is stored; a fault of the engine or the disk
   // (db::isRowRefusal false) at any step rolls everything back and is
   // thrown: the database is then as before and the target still unsaved.
+  //
+  // On an engine that writes rows in batches (db::Connection::batchesWrites)
+  // the tree is first written with batched writes in a nested transaction,
+  // with what it sends to the host services held back. If a batch is
+  // refused, that attempt is rolled back, the objects are put back as they
+  // were (ids, changed flags, names shortened, the pending error) and the
+  // tree is written again row by row, which reports each refused row as
+  // above; only then are the host entries of the second run passed on. A
+  // target with a refused row is thus written twice (the first time undone)
+  // and costs more; the outcome is the same as row by row.
   void dbInsertTargetAll(db::Connection& conn);
   void dbReadTargetAllKVR(db::Connection& conn, int32_t address, int32_t targetid);
   bool dbReadKVR(db::Connection& conn, int32_t address, int32_t targetid);
 
  private:
+  // The whole-tree insert, one row at a time (or held, inside batched
+  // writes), refusals dropped and reported as they come.
+  void insertTree(db::Connection& conn);
+
   std::weak_ptr<KavrelDatabase> parent_;
   std::shared_ptr<AutoIdentItems> AutoIdents_;
   std::shared_ptr<CategoryItems> Categories_;

@@ -47,6 +47,8 @@ struct CanDescription {
 };
 
 class TargetParamItem {
+  friend class TargetItem;  // puts the changed flag back after an undone insert
+
  public:
   TargetParamItem() = default;
 

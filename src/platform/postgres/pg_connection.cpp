@@ -42,6 +42,8 @@ class PgConnection final : public Connection {
   ~PgConnection() override { db_->close(); }
 
   std::unique_ptr<Recordset> execute(std::string_view sql) override {
+    db_->checkBatch();
+    if (db_->batching()) db_->flushBatches();
     if (auto sorted = runClientSorted(sql)) {
       return makeForwardRecordset(db_, std::move(sorted->first), sql, std::move(sorted->second));
     }
@@ -59,6 +61,8 @@ class PgConnection final : public Connection {
   int64_t recordsAffected() const override { return db_->recordsAffected; }
 
   std::unique_ptr<ClientRecordset> openClient(std::string_view sql) override {
+    db_->checkBatch();
+    if (db_->batching()) db_->flushBatches();
     if (auto sorted = runClientSorted(sql)) {
       return makeClientRecordset(db_, std::move(sorted->first), sql, std::move(sorted->second));
     }
@@ -72,17 +76,21 @@ class PgConnection final : public Connection {
 
   void begin() override {
     syncDepth();
+    db_->checkBatch();
     if (db_->transactionDepth == 0) {
       db_->control("BEGIN");
     } else {
       db_->control("SAVEPOINT " + savepoint(db_->transactionDepth));
     }
     ++db_->transactionDepth;
+    db_->levelBegun();
   }
 
   void commit() override {
     if (!syncDepth()) noTransaction("commit");
+    db_->checkBatch();
     if (db_->transactionDepth == 1) {
+      if (db_->batching()) db_->flushBatches();
       db_->settleAutonumbers();
       Result r(PQexec(db_->handle(), "COMMIT"));
       // A transaction a failure left unusable is rolled back by COMMIT.
@@ -104,6 +112,7 @@ class PgConnection final : public Connection {
     }
     if (deferredLevel_ >= db_->transactionDepth) deferredLevel_ = 0;
     --db_->transactionDepth;
+    db_->levelCommitted();
   }
 
   void rollback() override {
@@ -117,11 +126,13 @@ class PgConnection final : public Connection {
     }
     if (deferredLevel_ >= db_->transactionDepth) deferredLevel_ = 0;
     --db_->transactionDepth;
+    db_->levelRolledBack();
   }
 
   int transactionDepth() const override { return db_->transactionDepth; }
 
   void deferConstraintChecks() override {
+    db_->checkBatch();
     if (db_->transactionDepth == 0) return;
     db_->control("SET CONSTRAINTS ALL DEFERRED");
     // Checks stay deferred from here until the level asking ends; an outer
@@ -129,7 +140,12 @@ class PgConnection final : public Connection {
     if (deferredLevel_ == 0 || deferredLevel_ > db_->transactionDepth) deferredLevel_ = db_->transactionDepth;
   }
 
+  void beginBatchedWrites() override { db_->beginBatch(); }
+  void endBatchedWrites() override { db_->endBatch(); }
+  bool batchesWrites() const override { return true; }
+
   void lockKey(std::string_view key) override {
+    db_->checkBatch();
     if (db_->transactionDepth > 0) db_->run("SELECT pg_advisory_xact_lock(hashtextextended($1, 0))", {std::string(key)});
   }
 

@@ -303,6 +303,7 @@ const TableInfo& Database::tableInfo(unsigned oid) {
     ColumnInfo c;
     c.name = PQgetvalue(r.get(), row, 2);
     bool identity = PQgetvalue(r.get(), row, 3)[0] != '\0';
+    c.hasDefault = PQgetvalue(r.get(), row, 4)[0] == 't';
     if (identity) {
       info.identityColumn = c.name;
       info.identitySequence = PQgetvalue(r.get(), row, 5);

@@ -34,8 +34,16 @@ struct Query {
   std::string statement;  // the name it was prepared under, or empty
 };
 
+// A row held by batched writes: where it is, while it is held.
+struct HeldRow {
+  size_t batch = 0;
+  size_t index = 0;
+  uint64_t serial = 0;  // 0: not held
+};
+
 struct ColumnInfo {
   std::string name;  // as stored (lower case)
+  bool hasDefault = false;  // a default other than the autonumber
 };
 
 struct TableInfo {
@@ -114,6 +122,36 @@ class Database {
   int transactionDepth = 0;
   int64_t recordsAffected = 0;
 
+  // --- batched writes (pg_batch.cpp) ---
+  // True between beginBatchedWrites() and its end, inside a transaction.
+  bool batching() const { return batchDepth_ > 0 && batchLevel_ > 0 && transactionDepth >= batchLevel_; }
+  void beginBatch();
+  // Ends one scope; the outermost writes what is held. Throws as
+  // flushBatches().
+  void endBatch();
+  // Writes what is held, one COPY per table and set of columns, parent
+  // tables first. A refusal
+  // throws kErrBatchRefused, a fault the engine's error; either leaves the
+  // connection failed (checkBatch) until the scope's level is rolled back.
+  void flushBatches();
+  // Throws the failure of a batch written earlier, if any.
+  void checkBatch() const;
+  // Holds a new row for the next flush. `columns` are stored names, the
+  // values those of the row.
+  HeldRow holdRow(const std::string& table, const std::vector<std::string>& columns, std::vector<Param> values);
+  // Changes a column of a row still held (it may move to the batch of its
+  // new set of columns) and returns true; false when it was written since.
+  bool editHeld(HeldRow& row, const std::string& column, Param value);
+  // Drops a row still held and returns true; false when it was written.
+  bool dropHeld(const HeldRow& row);
+  // The next autonumber set aside for the table (reserved in blocks).
+  int64_t reserveAutonumber(const TableInfo& table);
+  // Transaction levels: held rows added inside a level that is rolled back
+  // are dropped with it.
+  void levelBegun();
+  void levelCommitted();
+  void levelRolledBack();
+
  private:
   Result exec(const std::string& sql, const std::vector<Param>& params);
   Result runQuery(const Query& q, std::string_view shownSql);
@@ -127,6 +165,33 @@ class Database {
   std::unordered_map<std::string, std::pair<std::string, std::string>> autonumbers_;
   std::unordered_map<std::string, SelectShape> shapes_;
   std::unordered_map<std::string, std::string> prepared_;  // text -> name
+
+  struct Batch {
+    std::string table;  // as stored
+    size_t rank = 0;    // the order batches are written in
+    std::vector<std::string> columns;
+    std::string copySql;
+    std::vector<std::vector<Param>> rows;
+    std::vector<uint64_t> serials;  // of each row; 0 once dropped
+    size_t bytes = 0;               // roughly, of the rows held
+  };
+  bool isHeld(const HeldRow& row) const;
+  void dropRows();
+  uint64_t nextSerial_ = 0;
+  struct Reserve {
+    std::vector<int64_t> ids;
+    size_t next = 0;
+    int64_t block = 0;
+  };
+  void failBatch(DbError e);
+  int batchDepth_ = 0;
+  int batchLevel_ = 0;     // the transaction level the outermost scope began in
+  std::vector<Batch> batches_;
+  std::unordered_map<std::string, size_t> batchIndex_;  // table + columns -> batches_
+  std::vector<std::vector<size_t>> levelMarks_;         // rows held when each inner level began
+  std::unordered_map<std::string, Reserve> reserves_;   // by table
+  std::optional<DbError> batchFailure_;
+  int failureLevel_ = 0;  // the level to roll back to clear batchFailure_
 };
 
 // Dialect: the legacy SQL text as the engine takes it. Bracketed names

@@ -6,7 +6,11 @@
 // read back with the change. A new row is written at once (a statement
 // prepared once per table and set of columns), its autonumber and every
 // column read back with it, so that a refused row is reported by the
-// update() that wrote it.
+// update() that wrote it. Inside batched writes (Connection::
+// beginBatchedWrites) a new row is held instead (pg_batch.cpp), its
+// autonumber set aside beforehand; an edit or delete writes what is held
+// first and finds a held row again by its autonumber (or, in a table without
+// one, by the values it was written with).
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -115,9 +119,14 @@ class ForwardRecordset final : public Recordset {
 constexpr const char* kCtidName = "kavrel ctid";
 
 struct Row {
-  std::string ctid;
+  std::string ctid;  // empty for a row held by batched writes, until found
   std::vector<Value> values;
   bool deleted = false;
+  // A row added by batched writes: where it is held, and the columns and
+  // values that find it again once written.
+  HeldRow held;
+  std::vector<std::string> heldColumns;
+  std::vector<Param> heldValues;
 };
 
 class UpdatableRecordsetImpl final : public UpdatableRecordset {
@@ -244,7 +253,11 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
       return;
     }
     cancelUpdate();
-    Row& row = currentRow();
+    if (onAdded_ && db_->dropHeld(added_.held)) {
+      added_.deleted = true;
+      return;
+    }
+    Row& row = writtenRow();
     db_->runPrepared("DELETE FROM " + quoteIdentifier(table_->name) + " WHERE ctid = $1::tid", {row.ctid});
     row.deleted = true;
   }
@@ -277,6 +290,8 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
 
   void load() {
     if (loaded_) return;
+    db_->checkBatch();
+    if (db_->batching()) db_->flushBatches();
     Result r = db_->run(select_, {}, shownSql_);
     const int n = PQntuples(r.get());
     const int fields = static_cast<int>(columns_.size());
@@ -306,7 +321,82 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
     return currentRow().values[index];
   }
 
+  // The current row, written: a row held by batched writes is written
+  // (with everything held) and found again.
+  Row& writtenRow() {
+    Row& row = currentRow();
+    db_->checkBatch();
+    if (db_->batching()) db_->flushBatches();
+    if (!row.ctid.empty()) return row;
+    std::string sql = "SELECT ctid FROM " + quoteIdentifier(table_->name) + " WHERE ";
+    std::vector<Param> params;
+    for (size_t c = 0; c < row.heldColumns.size(); ++c) {
+      params.push_back(row.heldValues[c]);
+      sql += (c ? " AND " : "") + quoteIdentifier(row.heldColumns[c]) + " IS NOT DISTINCT FROM $" +
+             std::to_string(c + 1);
+    }
+    sql += " LIMIT 1";
+    Result r = db_->runPrepared(sql, params);
+    if (PQntuples(r.get()) != 1) throwNoCurrentRow();
+    row.ctid = PQgetvalue(r.get(), 0, 0);
+    row.heldColumns.clear();
+    row.heldValues.clear();
+    return row;
+  }
+
+  // Whether new rows can be held rather than written: no column this set
+  // reads back is filled by a default of the database other than the
+  // autonumber (whose value is set aside).
+  bool canHold() {
+    if (!db_->batching()) return false;
+    if (holdable_ == 0) {
+      holdable_ = 1;
+      for (const auto& [number, column] : table_->columns) {
+        (void)number;
+        if (column.hasDefault && column.name != table_->identityColumn &&
+            std::find(columns_.begin(), columns_.end(), column.name) != columns_.end()) {
+          holdable_ = -1;
+        }
+      }
+    }
+    return holdable_ > 0;
+  }
+
+  void holdPending(std::vector<std::string>& columns, std::vector<Param>& values) {
+    const std::string& identity = table_->identityColumn;
+    auto idField = std::find(columns_.begin(), columns_.end(), identity);
+    const bool readsId = !identity.empty() && idField != columns_.end();
+    const bool idGiven = readsId && std::find(columns.begin(), columns.end(), identity) != columns.end();
+    if (readsId && !idGiven) {
+      const int64_t id = db_->reserveAutonumber(*table_);
+      columns.push_back(identity);
+      values.push_back(std::to_string(id));
+      for (size_t i = 0; i < columns_.size(); ++i) {
+        if (columns_[i] == identity) pendingValues_[i] = Value(id);
+      }
+    }
+    if (readsId) {
+      // Found again by its autonumber alone.
+      auto at = std::find(columns.begin(), columns.end(), identity) - columns.begin();
+      added_.heldColumns = {identity};
+      added_.heldValues = {values[static_cast<size_t>(at)]};
+      added_.held = db_->holdRow(table_->name, columns, std::move(values));
+    } else {
+      added_.held = db_->holdRow(table_->name, columns, values);
+      added_.heldColumns = std::move(columns);
+      added_.heldValues = std::move(values);
+    }
+    if (idGiven) db_->autonumberGiven(table_->name);
+    added_.values.swap(pendingValues_);
+    added_.deleted = false;
+    added_.ctid.clear();
+    pendingValues_.assign(columns_.size(), Value());
+    onAdded_ = true;
+    mode_ = Mode::None;
+  }
+
   void insertPending() {
+    db_->checkBatch();
     std::vector<std::string> columns;
     std::vector<Param> values;
     for (size_t i = 0; i < columns_.size(); ++i) {
@@ -315,6 +405,15 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
       columns.push_back(columns_[i]);
       values.push_back(toParam(pendingValues_[i]));
     }
+    if (canHold()) {
+      holdPending(columns, values);
+      return;
+    }
+    // Written at once: the rows it may refer to go first.
+    if (db_->batching()) db_->flushBatches();
+    added_.held = HeldRow();
+    added_.heldColumns.clear();
+    added_.heldValues.clear();
     added_.values.swap(pendingValues_);
     added_.deleted = false;
     added_.ctid.clear();
@@ -352,8 +451,40 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
     mode_ = Mode::None;
   }
 
+  // An edit of the row just added while it is still held changes it there.
+  bool editHeldRow() {
+    if (!onAdded_ || added_.held.serial == 0) return false;
+    db_->checkBatch();
+    std::vector<std::string> done;
+    for (size_t i = 0; i < columns_.size(); ++i) {
+      if (!pendingSet_[i] || std::find(done.begin(), done.end(), columns_[i]) != done.end()) continue;
+      if (columns_[i] == table_->identityColumn) return false;  // found again by it: written first
+    }
+    for (size_t i = 0; i < columns_.size(); ++i) {
+      if (!pendingSet_[i] || std::find(done.begin(), done.end(), columns_[i]) != done.end()) continue;
+      done.push_back(columns_[i]);
+      Param p = toParam(pendingValues_[i]);
+      if (!db_->editHeld(added_.held, columns_[i], p)) return false;
+      auto key = std::find(added_.heldColumns.begin(), added_.heldColumns.end(), columns_[i]);
+      if (table_->identityColumn.empty()) {
+        if (key != added_.heldColumns.end()) {
+          added_.heldValues[static_cast<size_t>(key - added_.heldColumns.begin())] = p;
+        } else {
+          added_.heldColumns.push_back(columns_[i]);
+          added_.heldValues.push_back(p);
+        }
+      }
+    }
+    for (size_t i = 0; i < columns_.size(); ++i) {
+      if (pendingSet_[i]) added_.values[i] = std::move(pendingValues_[i]);
+    }
+    cancelUpdate();
+    return true;
+  }
+
   void updatePending() {
-    Row& row = currentRow();
+    if (editHeldRow()) return;
+    Row& row = writtenRow();
     if (std::find(pendingSet_.begin(), pendingSet_.end(), 1) != pendingSet_.end()) {
       std::string sql = "UPDATE " + quoteIdentifier(table_->name) + " SET ";
       std::vector<Param> params;
@@ -390,6 +521,7 @@ class UpdatableRecordsetImpl final : public UpdatableRecordset {
   Row added_;
   bool onAdded_ = false;
 
+  int holdable_ = 0;  // 0 not yet known, 1 new rows may be held, -1 not
   Mode mode_ = Mode::None;
   std::vector<Value> pendingValues_;
   std::vector<char> pendingSet_;

@@ -429,6 +429,7 @@ void createDatabase(const std::string& path, std::string_view script) {
 namespace kavrel::db {
 
 bool isRowRefusal(const Error& e) {
+  if (e.number() == kErrBatchRefused) return false;  // a whole batch, to write again row by row
   const auto* failure = dynamic_cast<const DbError*>(&e);
   if (failure == nullptr) return true;  // the library's own check of one item
   if (failure->source() == "Connection") return false;
