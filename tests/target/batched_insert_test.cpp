@@ -6,6 +6,7 @@
 #include <regex>
 
 #include "kavrel/kavrel.h"
+#include "support/forwarding_connection.h"
 #include "support/checks.h"
 #include "support/engines.h"
 #include "support/temp_db.h"
@@ -21,29 +22,7 @@ const char* const kTargetTables[] = {"Cibles", "[Appartenance cible]", "[Paramè
                                      "Données_Aff", "Extra_Aff", "Seuils"};
 
 // The same connection, writing every row at once (it does not batch).
-class RowByRow final : public db::Connection {
- public:
-  explicit RowByRow(db::Connection& real) : real_(real) {}
-  std::unique_ptr<db::Recordset> execute(std::string_view sql) override { return real_.execute(sql); }
-  int64_t recordsAffected() const override { return real_.recordsAffected(); }
-  std::unique_ptr<db::ClientRecordset> openClient(std::string_view sql) override { return real_.openClient(sql); }
-  std::unique_ptr<db::UpdatableRecordset> openUpdatable(std::string_view sql) override {
-    return real_.openUpdatable(sql);
-  }
-  void begin() override { real_.begin(); }
-  void commit() override { real_.commit(); }
-  void rollback() override { real_.rollback(); }
-  int transactionDepth() const override { return real_.transactionDepth(); }
-  void deferConstraintChecks() override { real_.deferConstraintChecks(); }
-  const std::vector<DbError>& errors() const override { return real_.errors(); }
-  void clearErrors() override { real_.clearErrors(); }
-  bool isOpen() const override { return real_.isOpen(); }
-  void close() override { real_.close(); }
-  std::string description() const override { return real_.description(); }
-
- private:
-  db::Connection& real_;
-};
+using RowByRow = test::ForwardingConnection;
 
 struct Stored {
   std::shared_ptr<KavrelDatabase> session;

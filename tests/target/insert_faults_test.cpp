@@ -7,6 +7,7 @@
 #include <string>
 
 #include "kavrel/kavrel.h"
+#include "support/forwarding_connection.h"
 #include "support/checks.h"
 #include "support/temp_db.h"
 
@@ -16,9 +17,9 @@ namespace {
 constexpr int kDiskFault = 10;  // the engine's number for an I/O failure
 
 // Counts every write made through it and fails the `failAt`-th one.
-class FaultyConnection : public db::Connection {
+class FaultyConnection : public test::ForwardingConnection {
  public:
-  FaultyConnection(db::Connection& real, int failAt) : real_(real), failAt_(failAt) {}
+  FaultyConnection(db::Connection& real, int failAt) : ForwardingConnection(real), failAt_(failAt) {}
   int steps() const { return steps_; }
   void step() {
     if (++steps_ == failAt_) throw DbError(kDiskFault, "SQLite", "disk I/O error", kDiskFault, "disk I/O error");
@@ -28,25 +29,13 @@ class FaultyConnection : public db::Connection {
     if (text::upper(text::trim(sql)).rfind("SELECT", 0) != 0) step();
     return real_.execute(sql);
   }
-  int64_t recordsAffected() const override { return real_.recordsAffected(); }
-  std::unique_ptr<db::ClientRecordset> openClient(std::string_view sql) override { return real_.openClient(sql); }
   std::unique_ptr<db::UpdatableRecordset> openUpdatable(std::string_view sql) override;
-  void begin() override { real_.begin(); }
   void commit() override {
     step();
     real_.commit();
   }
-  void rollback() override { real_.rollback(); }
-  int transactionDepth() const override { return real_.transactionDepth(); }
-  void deferConstraintChecks() override { real_.deferConstraintChecks(); }
-  const std::vector<DbError>& errors() const override { return real_.errors(); }
-  void clearErrors() override { real_.clearErrors(); }
-  bool isOpen() const override { return real_.isOpen(); }
-  void close() override { real_.close(); }
-  std::string description() const override { return real_.description(); }
 
  private:
-  db::Connection& real_;
   int failAt_;
   int steps_ = 0;
 };
