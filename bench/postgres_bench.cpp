@@ -207,8 +207,10 @@ int runPostgres(const fs::path& work, int repeat, bool markdown, std::string ser
       }
     }
   }
-  exec(admin, "DROP DATABASE IF EXISTS kavrel_bench_lib WITH (FORCE)");
-  exec(admin, "DROP DATABASE IF EXISTS kavrel_bench_floor WITH (FORCE)");
+  if (!std::getenv("KAVREL_BENCH_KEEP")) {
+    exec(admin, "DROP DATABASE IF EXISTS kavrel_bench_lib WITH (FORCE)");
+    exec(admin, "DROP DATABASE IF EXISTS kavrel_bench_floor WITH (FORCE)");
+  }
   PQfinish(admin);
   if (!started.empty()) {
     std::string cmd = std::string(KAVREL_SOURCE_DIR) + "/tests/support/pg_server.sh stop " + started;
