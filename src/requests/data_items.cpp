@@ -13,6 +13,7 @@
 #include "kavrel/requests/data_liste_items.h"
 #include "kavrel/session/kavrel_database.h"
 #include "kavrel/target/target_item.h"
+#include "target/target_read.h"
 
 namespace kavrel {
 namespace {
@@ -531,16 +532,23 @@ void DataItems::DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>& 
   rs->close();
 }
 
+std::string detail::datasWithFicheSql(int32_t address, int32_t targetid) {
+  return std::string("SELECT Données.[Data Id], ") + kDataColumns + kWithFiche + " WHERE Address=" + num(address) +
+         " AND [Target Id]=" + num(targetid) + " ORDER BY [Data Name]";
+}
+
+std::string detail::dataListsSql(int32_t targetid) {
+  return "select Listes.* from Listes,données WHERE (Données.[Data Id]=Listes.[Data Id]) AND Données.[Target Id]=" +
+         num(targetid) + " ORDER BY [Valeur]";
+}
+
 void DataItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem>& Ptarget) {
   requireTarget(Ptarget);
   // The items are read once, in order: a forward result keeps one row in
   // memory rather than the whole table.
-  auto rs = conn.execute(std::string("SELECT Données.[Data Id], ") + kDataColumns + kWithFiche +
-                         targetFilter(*Ptarget) + " ORDER BY [Data Name]");
+  auto rs = conn.execute(detail::datasWithFicheSql(Ptarget->Address(), Ptarget->targetid()));
   // Every list entry of the target in one result, filtered per listed item.
-  auto lists = conn.openClient(
-      "select Listes.* from Listes,données WHERE (Données.[Data Id]=Listes.[Data Id]) AND Données.[Target Id]=" +
-      num(Ptarget->targetid()) + " ORDER BY [Valeur]");
+  auto lists = conn.openClient(detail::dataListsSql(Ptarget->targetid()));
   for (; !rs->eof(); rs->moveNext()) {
     auto d = Add(rs->field(0).toInt32());
     d->setParent(Ptarget);

@@ -18,6 +18,7 @@
 #include "kavrel/requests/request_items.h"
 #include "kavrel/session/kavrel_database.h"
 #include "kavrel/target/target_item.h"
+#include "target/target_read.h"
 
 namespace kavrel {
 
@@ -81,6 +82,22 @@ std::string linkWhere(const TargetItem& target, const std::string& organeName) {
 }
 
 }  // namespace
+
+std::string detail::organesWithContextSql(int32_t address, int32_t targetid) {
+  return std::string(
+             "SELECT [Organe Id], Organes.[Organe Name], Mnemonique, [Type Organe Id], DTC, OBD,[Request "
+             "Name]") +
+         " FROM Organes LEFT JOIN [Lien_DTC_ReqContext] ON (Organes.[Target Id] = "
+         "[Lien_DTC_ReqContext].[Target Id] AND Organes.[Organe Name] = [Lien_DTC_ReqContext].[Organe "
+         "Name] )" +
+         " WHERE Organes.Address=" + std::to_string(address) + " AND Organes.[Target Id]=" + std::to_string(targetid) +
+         " ORDER BY Organes.[Organe Name]";
+}
+
+std::string detail::organeDatasSql(int32_t targetid) {
+  return std::string("SELECT [Organe Name],[Data Name], [Flag Panne]") + " FROM Lien_Données_ds_Organe" +
+         " WHERE [Target Id]=" + std::to_string(targetid) + " ORDER BY [Organe Name], [Data Name]";
+}
 
 // ---------------------------------------------------------------- OrganeItem
 
@@ -318,15 +335,7 @@ void OrganeItems::DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>
 
 void OrganeItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {
   if (!target) raise(100, "", "Parent not defined");
-  const std::string tid = std::to_string(target->targetid());
-  std::string sql = std::string(
-                        "SELECT [Organe Id], Organes.[Organe Name], Mnemonique, [Type Organe Id], DTC, OBD,[Request "
-                        "Name]") +
-                    " FROM Organes LEFT JOIN [Lien_DTC_ReqContext] ON (Organes.[Target Id] = "
-                    "[Lien_DTC_ReqContext].[Target Id] AND Organes.[Organe Name] = [Lien_DTC_ReqContext].[Organe "
-                    "Name] )" +
-                    " WHERE Organes.Address=" + std::to_string(target->Address()) + " AND Organes.[Target Id]=" + tid +
-                    " ORDER BY Organes.[Organe Name]";
+  std::string sql = detail::organesWithContextSql(target->Address(), target->targetid());
   std::vector<Ptr> read;
   try {
     auto rs = conn.execute(sql);
@@ -352,8 +361,7 @@ void OrganeItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetIt
     byOrgan.emplace(names::key(o->organeName()), o);
   }
   if (read.empty()) return;
-  sql = std::string("SELECT [Organe Name],[Data Name], [Flag Panne]") + " FROM Lien_Données_ds_Organe" +
-        " WHERE [Target Id]=" + tid + " ORDER BY [Organe Name], [Data Name]";
+  sql = detail::organeDatasSql(target->targetid());
   try {
     auto rs = conn.execute(sql);
     std::string organ;

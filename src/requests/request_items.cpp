@@ -16,6 +16,7 @@
 #include "kavrel/requests/organe_items.h"
 #include "kavrel/target/target_item.h"
 #include "requests/position_support.h"
+#include "target/target_read.h"
 
 namespace kavrel {
 namespace {
@@ -78,13 +79,7 @@ void updateOrCancel(db::UpdatableRecordset& rs) {
 }
 
 std::string requestsQuery(const TargetItem& t, bool olderLayout) {
-  std::string sql = olderLayout
-                        ? "SELECT [Request Id],[Request Name],[Request Bytes],[Length Datas],[Manual Send] "
-                        : "SELECT [Request Id],[Request Name],[Request Bytes],[Length Datas],ShiftBytesCount,"
-                          "[Manual Send],[LgVariable],[Accès Tous],[Accès Usine],[Accès Après Vente],[Accès Etudes],"
-                          "[Accès Constructeur],[Dossier Maintenabilite],[Commentaire],[Reply Bytes] ";
-  return sql + " FROM [Requêtes] WHERE Address=" + std::to_string(t.Address()) +
-         " AND [Target Id]=" + std::to_string(t.targetid()) + " ORDER BY [Request Name]";
+  return detail::requestsSql(t.Address(), t.targetid(), olderLayout);
 }
 
 // Reads the requests of the target's query into the collection.
@@ -137,6 +132,24 @@ void appendFlag(xml::Node parent, const char* name) {
 }
 
 }  // namespace
+
+std::string detail::requestsSql(int32_t address, int32_t targetid, bool olderLayout) {
+  std::string sql = olderLayout
+                        ? "SELECT [Request Id],[Request Name],[Request Bytes],[Length Datas],[Manual Send] "
+                        : "SELECT [Request Id],[Request Name],[Request Bytes],[Length Datas],ShiftBytesCount,"
+                          "[Manual Send],[LgVariable],[Accès Tous],[Accès Usine],[Accès Après Vente],[Accès Etudes],"
+                          "[Accès Constructeur],[Dossier Maintenabilite],[Commentaire],[Reply Bytes] ";
+  return sql + " FROM [Requêtes] WHERE Address=" + std::to_string(address) +
+         " AND [Target Id]=" + std::to_string(targetid) + " ORDER BY [Request Name]";
+}
+
+std::string detail::referencePositionsSql(int32_t targetid) {
+  return "SELECT [Request Name], [Data Name] FROM [Donnée_Ref] WHERE [Target Id]=" + std::to_string(targetid);
+}
+
+std::string detail::positionsSql(int32_t targetid) {
+  return "SELECT * FROM [Emplacement Donnée] WHERE [Target Id]=" + std::to_string(targetid) + " ORDER BY [Data Name]";
+}
 
 // ---------------------------------------------------------------- RequestItem
 
@@ -323,8 +336,8 @@ void RequestItem::dbRename(db::Connection& conn, const std::string& newName) {
 void RequestItem::dbDelete(db::Connection& conn) {
   auto target = parent();
   if (!target) raise(100, "", kParentNotDefined);
-  const std::string tid = std::to_string(target->targetid());
   const std::string name = db::sql::doubleQuotes(requestName_);
+  const std::string tid = std::to_string(target->targetid());
 
   // Each statement runs whatever happened to the one before; the ones that
   // succeeded stay done.
@@ -455,13 +468,12 @@ void RequestItems::DbRead(db::Connection& conn, const std::shared_ptr<TargetItem
 
 void RequestItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {
   auto read = readRequests(*this, conn, target, false);
-  const std::string tid = std::to_string(target->targetid());
   // The reference positions of the whole target, matched by the name rule
   // here rather than joined on the database: a join on name columns costs a
   // collation key per row on a server engine.
   std::unordered_set<std::string> references;
   {
-    auto refs = conn.execute("SELECT [Request Name], [Data Name] FROM [Donnée_Ref] WHERE [Target Id]=" + tid);
+    auto refs = conn.execute(detail::referencePositionsSql(target->targetid()));
     for (; !refs->eof(); refs->moveNext()) {
       references.insert(positionKey(refs->field("Request Name").toText(), refs->field("Data Name").toText()));
     }
@@ -469,7 +481,7 @@ void RequestItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetI
   }
   // One result set for the positions of the whole target, filtered per
   // request.
-  auto rs = conn.openClient("SELECT * FROM [Emplacement Donnée] WHERE [Target Id]=" + tid + " ORDER BY [Data Name]");
+  auto rs = conn.openClient(detail::positionsSql(target->targetid()));
   for (const auto& r : read) {
     r->setParent(target);
     auto list = freshPositions(*r);

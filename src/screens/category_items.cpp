@@ -19,6 +19,7 @@
 #include "kavrel/screens/screen_items.h"
 #include "screens/display_support.h"
 #include "screens/screen_support.h"
+#include "target/target_read.h"
 
 namespace kavrel {
 
@@ -33,6 +34,35 @@ std::shared_ptr<TargetItem> requireTarget(const CategoryItem& c) {
 }
 
 }  // namespace
+
+std::string detail::categoriesSql(int32_t targetid) {
+  return std::string("SELECT [Category Id], [Category Name]") + " From Catégories" + " WHERE [Target Id]=" +
+         num(targetid) + " ORDER BY [Category Name]";
+}
+
+std::string detail::screensOfTargetSql(int32_t targetid) {
+  return std::string("SELECT [Screen Id], [Screen Name], [Init Id], [WindowState], [Height], [Width], [ScreenColor], ") +
+         "[Category Id] From Ecrans WHERE [Target Id]=" + num(targetid) + " ORDER BY [Category Id], [Screen Name]";
+}
+
+std::string detail::labelsOfTargetSql(int32_t targetid) {
+  return std::string(
+             "SELECT [Label Id], [Target Id], [Screen Id], [Text], [Left], [Top], [Height], [Width], "
+             "[FontName], [FontSize], [FontBold], [FontItalic], [FontColor], [Color], [Alignment]") +
+         " From Titres WHERE [Target Id]=" + num(targetid) + " ORDER BY [Screen Id], [Text]";
+}
+
+std::string detail::buttonsOfTargetSql(int32_t targetid) {
+  return std::string(
+             "SELECT [Button Id], [Caption], [Left], [Top], [Height], [Width], [FontName], [FontSize], "
+             "[FontBold], [FontItalic], [Message], [Screen Id]") +
+         " From Boutons WHERE [Target Id]=" + num(targetid) + " ORDER BY [Screen Id], [Caption]";
+}
+
+std::string detail::scenariosOfTargetSql(int32_t targetid) {
+  return std::string("SELECT [Index], [Address], [Ecu Id], [Request Name], [Delay], [Button Id]") +
+         " From Scenarios WHERE [Target Id]=" + num(targetid) + " ORDER BY [Button Id], [Index]";
+}
 
 // -------------------------------------------------------------- CategoryItem
 
@@ -150,8 +180,7 @@ void CategoryItems::read(db::Connection& conn, const std::shared_ptr<TargetItem>
   const int32_t targetid = target->targetid();
   std::vector<Ptr> added;
   {
-    auto rs = conn.execute(std::string("SELECT [Category Id], [Category Name]") + " From Catégories" +
-                           " WHERE [Target Id]=" + num(targetid) + " ORDER BY [Category Name]");
+    auto rs = conn.execute(detail::categoriesSql(targetid));
     for (; !rs->eof(); rs->moveNext()) {
       auto c = Add(rs->field(0).toInt32(), rs->field(1).toText());
       c->setParent(target);
@@ -177,7 +206,6 @@ void CategoryItems::dbReadAll(db::Connection& conn, const std::shared_ptr<Target
   const size_t first = static_cast<size_t>(Count());
   read(conn, target, 1);
   const int32_t targetid = target->targetid();
-  const std::string where = " WHERE [Target Id]=" + num(targetid);
 
   std::unordered_map<int32_t, std::shared_ptr<CategoryItem>> categories;
   for (size_t i = first; i < static_cast<size_t>(Count()); ++i) {
@@ -189,9 +217,7 @@ void CategoryItems::dbReadAll(db::Connection& conn, const std::shared_ptr<Target
   std::vector<std::shared_ptr<ScreenItem>> screenList;
   std::unordered_map<int32_t, std::shared_ptr<ScreenItem>> screenById;
   {
-    auto rs = conn.execute(
-        std::string("SELECT [Screen Id], [Screen Name], [Init Id], [WindowState], [Height], [Width], [ScreenColor], ") +
-        "[Category Id] From Ecrans" + where + " ORDER BY [Category Id], [Screen Name]");
+    auto rs = conn.execute(detail::screensOfTargetSql(targetid));
     for (; !rs->eof(); rs->moveNext()) {
       auto c = categories.find(rs->field(7).toInt32());
       if (c == categories.end()) continue;
@@ -220,10 +246,7 @@ void CategoryItems::dbReadAll(db::Connection& conn, const std::shared_ptr<Target
   if (screenList.empty()) return;
 
   {
-    auto rs = conn.execute(
-        std::string("SELECT [Label Id], [Target Id], [Screen Id], [Text], [Left], [Top], [Height], [Width], "
-                    "[FontName], [FontSize], [FontBold], [FontItalic], [FontColor], [Color], [Alignment]") +
-        " From Titres" + where + " ORDER BY [Screen Id], [Text]");
+    auto rs = conn.execute(detail::labelsOfTargetSql(targetid));
     for (; !rs->eof(); rs->moveNext()) {
       auto s = screenById.find(rs->field(2).toInt32());
       if (s == screenById.end()) continue;
@@ -236,10 +259,7 @@ void CategoryItems::dbReadAll(db::Connection& conn, const std::shared_ptr<Target
 
   std::unordered_map<int32_t, std::shared_ptr<ButtonItem>> buttonById;
   {
-    auto rs = conn.execute(
-        std::string("SELECT [Button Id], [Caption], [Left], [Top], [Height], [Width], [FontName], [FontSize], "
-                    "[FontBold], [FontItalic], [Message], [Screen Id]") +
-        " From Boutons" + where + " ORDER BY [Screen Id], [Caption]");
+    auto rs = conn.execute(detail::buttonsOfTargetSql(targetid));
     for (; !rs->eof(); rs->moveNext()) {
       auto s = screenById.find(rs->field(11).toInt32());
       if (s == screenById.end()) continue;
@@ -254,8 +274,7 @@ void CategoryItems::dbReadAll(db::Connection& conn, const std::shared_ptr<Target
   }
 
   if (!buttonById.empty()) {
-    auto rs = conn.execute(std::string("SELECT [Index], [Address], [Ecu Id], [Request Name], [Delay], [Button Id]") +
-                           " From Scenarios" + where + " ORDER BY [Button Id], [Index]");
+    auto rs = conn.execute(detail::scenariosOfTargetSql(targetid));
     for (; !rs->eof(); rs->moveNext()) {
       auto b = buttonById.find(rs->field(5).toInt32());
       if (b == buttonById.end()) continue;

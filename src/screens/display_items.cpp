@@ -19,6 +19,7 @@
 #include "requests/position_support.h"
 #include "screens/display_support.h"
 #include "screens/screen_bulk.h"
+#include "target/target_read.h"
 
 namespace kavrel {
 
@@ -166,49 +167,61 @@ DisplayReadBatch* DisplayReadBatch::activeFor(const db::Connection& conn, int32_
   return nullptr;
 }
 
-std::string DisplayReadBatch::onScreen(const char* table) const {
-  return screenId_ < 0 ? std::string() : std::string(" AND ") + table + "[Screen Id]=" + std::to_string(screenId_);
+namespace {
+
+std::string onScreen(const char* table, int32_t screenId) {
+  return screenId < 0 ? std::string() : std::string(" AND ") + table + "[Screen Id]=" + std::to_string(screenId);
 }
 
-db::ClientRecordset& DisplayReadBatch::filtered(std::unique_ptr<db::ClientRecordset>& rs, const std::string& sql,
+}  // namespace
+
+std::string displaysOfTargetSql(int32_t targetid, int32_t screenId) {
+  return "SELECT [Display Id], [Screen Id], [Type Affich], [Left], [Top], [Height], [Width], [CaptionWidth], "
+         "[FontName], [FontSize], [FontBold], [FontItalic], [FontColor], [Color] FROM Affichages WHERE "
+         "[Target Id]=" +
+         std::to_string(targetid) + onScreen("", screenId) + " ORDER BY [Left], [Top], [Height], [Width], [Display Id]";
+}
+
+std::string rangesOfTargetSql(int32_t targetid, int32_t screenId) {
+  return "SELECT Seuils.[Display Id], Seuils.[Seuil], Seuils.[Couleur], Seuils.[SonFlag], Seuils.[Son] FROM "
+         "Seuils INNER JOIN Affichages ON Seuils.[Display Id] = Affichages.[Display Id] WHERE "
+         "Affichages.[Target Id]=" +
+         std::to_string(targetid) + onScreen("Affichages.", screenId) + " ORDER BY Seuils.[Seuil]";
+}
+
+std::string dataLinksOfTargetSql(int32_t targetid, int32_t screenId) {
+  return "SELECT [Screen Id], [Display Id], [Type Affich], [Data Name], [Request Name] FROM Données_Aff "
+         "WHERE [Target Id]=" +
+         std::to_string(targetid) + onScreen("", screenId) + " ORDER BY [Data Name]";
+}
+
+std::string extraLinksOfTargetSql(int32_t targetid, int32_t screenId) {
+  return "SELECT [Screen Id], [Display Id], [Type Affich], [Request Name], [LgVariable], [Param] FROM "
+         "Extra_Aff WHERE [Target Id]=" +
+         std::to_string(targetid) + onScreen("", screenId) + " ORDER BY [Request Name]";
+}
+
+db::ClientRecordset& DisplayReadBatch::filtered(std::unique_ptr<db::ClientRecordset>& rs, StatementOf sql,
                                                 const char* column, int32_t value) {
-  if (!rs) rs = conn_.openClient(sql);
+  if (!rs) rs = conn_.openClient(sql(targetid_, screenId_));
   rs->filter(std::string("[") + column + "]=" + std::to_string(value));
   return *rs;
 }
 
 db::ClientRecordset& DisplayReadBatch::displaysOfScreen(int32_t screenId) {
-  return filtered(displays_,
-                  "SELECT [Display Id], [Screen Id], [Type Affich], [Left], [Top], [Height], [Width], [CaptionWidth], "
-                  "[FontName], [FontSize], [FontBold], [FontItalic], [FontColor], [Color] FROM Affichages WHERE "
-                  "[Target Id]=" +
-                      std::to_string(targetid_) + onScreen("") + " ORDER BY [Left], [Top], [Height], [Width], [Display Id]",
-                  "Screen Id", screenId);
+  return filtered(displays_, displaysOfTargetSql, "Screen Id", screenId);
 }
 
 db::ClientRecordset& DisplayReadBatch::rangesOfDisplay(int32_t displayId) {
-  return filtered(ranges_,
-                  "SELECT Seuils.[Display Id], Seuils.[Seuil], Seuils.[Couleur], Seuils.[SonFlag], Seuils.[Son] FROM "
-                  "Seuils INNER JOIN Affichages ON Seuils.[Display Id] = Affichages.[Display Id] WHERE "
-                  "Affichages.[Target Id]=" +
-                      std::to_string(targetid_) + onScreen("Affichages.") + " ORDER BY Seuils.[Seuil]",
-                  "Display Id", displayId);
+  return filtered(ranges_, rangesOfTargetSql, "Display Id", displayId);
 }
 
 db::ClientRecordset& DisplayReadBatch::dataLinksOfDisplay(int32_t displayId) {
-  return filtered(dataLinks_,
-                  "SELECT [Screen Id], [Display Id], [Type Affich], [Data Name], [Request Name] FROM Données_Aff "
-                  "WHERE [Target Id]=" +
-                      std::to_string(targetid_) + onScreen("") + " ORDER BY [Data Name]",
-                  "Display Id", displayId);
+  return filtered(dataLinks_, dataLinksOfTargetSql, "Display Id", displayId);
 }
 
 db::ClientRecordset& DisplayReadBatch::extraLinksOfDisplay(int32_t displayId) {
-  return filtered(extraLinks_,
-                  "SELECT [Screen Id], [Display Id], [Type Affich], [Request Name], [LgVariable], [Param] FROM "
-                  "Extra_Aff WHERE [Target Id]=" +
-                      std::to_string(targetid_) + onScreen("") + " ORDER BY [Request Name]",
-                  "Display Id", displayId);
+  return filtered(extraLinks_, extraLinksOfTargetSql, "Display Id", displayId);
 }
 
 }  // namespace detail

@@ -80,9 +80,10 @@ class DisplayReadBatch {
   db::ClientRecordset& extraLinksOfDisplay(int32_t displayId);
 
  private:
-  db::ClientRecordset& filtered(std::unique_ptr<db::ClientRecordset>& rs, const std::string& sql,
-                                const char* column, int32_t value);
-  std::string onScreen(const char* table) const;
+  // The text of a whole-target statement (target_read.h), built on first use.
+  using StatementOf = std::string (*)(int32_t targetid, int32_t screenId);
+  db::ClientRecordset& filtered(std::unique_ptr<db::ClientRecordset>& rs, StatementOf sql, const char* column,
+                                int32_t value);
   db::Connection& conn_;
   int32_t targetid_;
   int32_t screenId_;

@@ -8,6 +8,7 @@
 #include "kavrel/platform/text.h"
 #include "kavrel/target/target_item.h"
 #include "target/target_support.h"
+#include "target/target_read.h"
 
 namespace kavrel {
 
@@ -149,12 +150,15 @@ void AutoIdentItems::dbDelete(db::Connection& conn, const Ptr& AutoIdent) {
   if (int32_t i = FindItem(AutoIdent); i > 0) Remove(i);
 }
 
+std::string detail::autoIdentsSql(int32_t address, int32_t targetid) {
+  return std::string(kColumns) + " WHERE Address=" + num(address) + " AND [Target Id]=" + num(targetid);
+}
+
 bool AutoIdentItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {
   if (!target) raise(100, "AutoIdentItems.dbReadAll", "Parent not defined");
   std::unique_ptr<db::Recordset> rs;
   try {
-    rs = conn.execute(std::string(kColumns) + " WHERE Address=" + num(target->Address()) +
-                      " AND [Target Id]=" + num(target->targetid()));
+    rs = conn.execute(detail::autoIdentsSql(target->Address(), target->targetid()));
   } catch (const Error&) {
     // Databases of the older layout have no such table.
     raise(1, "", "Table 'Identification' doesn't exist in the database");

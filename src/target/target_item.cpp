@@ -25,6 +25,7 @@
 #include "platform/host_hold.h"
 #include "requests/position_support.h"
 #include "target/document_layout.h"
+#include "target/target_read.h"
 #include "target/target_support.h"
 
 namespace kavrel {
@@ -150,12 +151,42 @@ void TargetItem::clear() {
 
 // ---- reading
 
+namespace detail {
+
+std::string targetHeaderSql(int32_t targetid) {
+  return std::string(
+             "SELECT [Target Name],Langue,[Référence],Fonctions.[Function Name],Fonctions.[XId],"
+             "Fonctions.[RId] FROM Cibles,Fonctions ") +
+         "WHERE Cibles.Address=Fonctions.Address AND [Target Id]=" + std::to_string(targetid);
+}
+
+std::vector<std::string> targetReadStatements(int32_t address, int32_t targetid) {
+  return {targetHeaderSql(targetid),
+          targetParamsSql(targetid),
+          autoIdentsSql(address, targetid),
+          datasWithFicheSql(address, targetid),
+          dataListsSql(targetid),
+          requestsSql(address, targetid, false),
+          referencePositionsSql(targetid),
+          positionsSql(targetid),
+          organesWithContextSql(address, targetid),
+          organeDatasSql(targetid),
+          categoriesSql(targetid),
+          screensOfTargetSql(targetid),
+          labelsOfTargetSql(targetid),
+          buttonsOfTargetSql(targetid),
+          scenariosOfTargetSql(targetid),
+          displaysOfTargetSql(targetid, -1),
+          rangesOfTargetSql(targetid, -1),
+          dataLinksOfTargetSql(targetid, -1),
+          extraLinksOfTargetSql(targetid, -1)};
+}
+
+}  // namespace detail
+
 bool TargetItem::DbRead(db::Connection& conn, int32_t address, int32_t targetid) {
   // The execute's failure reaches the caller unchanged.
-  auto rs = conn.execute(
-      std::string("SELECT [Target Name],Langue,[Référence],Fonctions.[Function Name],Fonctions.[XId],"
-                  "Fonctions.[RId] FROM Cibles,Fonctions ") +
-      "WHERE Cibles.Address=Fonctions.Address AND [Target Id]=" + num(targetid));
+  auto rs = conn.execute(detail::targetHeaderSql(targetid));
   Address_ = address;
   targetid_ = targetid;
   // An unknown id is not an error: the fields simply keep their values.
@@ -193,6 +224,9 @@ bool TargetItem::dbReadTargetAll(db::Connection& conn, int32_t address, int32_t 
   // One snapshot for all the tables: a writer in another process cannot
   // leave half its change in what is read.
   db::Transaction snapshot(conn, db::Transaction::Kind::Read);
+  // A server engine sends every SELECT of the read at once and works on
+  // the later ones while the objects are built from the earlier ones.
+  db::ReadAhead ahead(conn, detail::targetReadStatements(address, targetid));
   if (!DbRead(conn, address, targetid)) return false;
   auto self = shared_from_this();
   // From here each step runs even when an earlier one failed.

@@ -12,6 +12,7 @@
 #include "kavrel/session/kavrel_database.h"
 #include "kavrel/target/target_item.h"
 #include "target/target_support.h"
+#include "target/target_read.h"
 
 namespace kavrel {
 
@@ -176,16 +177,19 @@ void TargetParamItem::SetDefaultValue(targetParameter param) {
 
 // ---- database
 
+std::string detail::targetParamsSql(int32_t targetid) {
+  return std::string(kColumns) +
+         "[Little Endian], Reprogrammable, [Date Officialisation], [Paramètres UCE].[Type Panne Id], "
+         "[Type Panne].[Libelle]" +
+         " FROM [Paramètres UCE],[Type Panne]" +
+         " WHERE [Paramètres UCE].[Type Panne Id]=[Type Panne].[Type Panne Id] AND [Ecu Id]=" + num(targetid);
+}
+
 void TargetParamItem::DbRead(db::Connection& conn, const std::shared_ptr<TargetItem>& target) {
   if (!target) raise(100, "TargetParamItem.DbRead", "Target not defined");
   parent_ = target;
   const int32_t targetid = target->targetid();
-  auto rs = conn.execute(std::string(kColumns) +
-                         "[Little Endian], Reprogrammable, [Date Officialisation], [Paramètres UCE].[Type Panne Id], "
-                         "[Type Panne].[Libelle]" +
-                         " FROM [Paramètres UCE],[Type Panne]" +
-                         " WHERE [Paramètres UCE].[Type Panne Id]=[Type Panne].[Type Panne Id] AND [Ecu Id]=" +
-                         num(targetid));
+  auto rs = conn.execute(detail::targetParamsSql(targetid));
   if (rs->eof()) {
     rs->close();
     changed_ = true;

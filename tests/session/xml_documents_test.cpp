@@ -6,6 +6,7 @@
 
 #include "kavrel/kavrel.h"
 #include "support/engines.h"
+#include "platform/postgres/pg_backend.h"
 #include "support/checks.h"
 #include "support/temp_db.h"
 
@@ -60,8 +61,12 @@ class XmlDocuments : public ::kavrel::test::EngineTest {
     auto imported = session_->ActiveTarget();
     imported->dbInsertTargetAll(*session_->DbConnection());
     const int32_t address = imported->Address(), id = imported->targetid();  // NewTarget clears it
+    const auto before = db::postgres::readAheadCounts(*session_->DbConnection());
     ASSERT_TRUE(session_->NewTarget()->dbReadTargetAll(*session_->DbConnection(), address, id));
+    const auto after = db::postgres::readAheadCounts(*session_->DbConnection());
+    readAhead_ = {after.sent - before.sent, after.used - before.used, after.dropped - before.dropped};
   }
+  db::postgres::ReadAheadCounts readAhead_;
   test::TempDb db_;
   std::shared_ptr<KavrelDatabase> session_ = KavrelDatabase::create();
   std::vector<std::pair<std::string, std::string>> warnings_;
@@ -77,6 +82,13 @@ TEST_P(XmlDocuments, ExamplesSurviveDocumentAndDatabase) {
     EXPECT_EQ(difference(importThenExport(file("exported.xml")), direct), "");
     storeAndReadBack();
     EXPECT_EQ(difference(exportActive("stored.xml"), direct), "");
+    if (onServer()) {
+      // The server was sent every statement of the read at once, and each
+      // was the very one the readers ran.
+      EXPECT_GT(readAhead_.sent, 10);
+      EXPECT_EQ(readAhead_.used, readAhead_.sent);
+      EXPECT_EQ(readAhead_.dropped, 0);
+    }
   }
   // Changed through the object model to the other line kinds, the K-line
   // target survives the same way.

@@ -191,6 +191,25 @@ class Connection {
   // that a caller knows whether it must be ready to write them again.
   virtual bool batchesWrites() const { return false; }
 
+  // Read-ahead, for a caller that knows the SELECTs it is about to run (a
+  // whole-target read). readAhead() hands over their texts in the order they
+  // will be run; an engine on a server may send them all at once, so that
+  // the server works on the later ones while the caller reads the earlier
+  // results. Nothing the caller sees changes: execute() or openClient() of
+  // a statement with the very text given gets the rows that running it
+  // then would give (it runs in the same transaction, and a write on this
+  // connection cannot come between: anything else on the connection, other
+  // statements, writes, begin, commit, rollback, first ends the read-ahead).
+  // A statement that failed when read ahead, or whose result was dropped,
+  // runs again when asked and fails then as it would have. endReadAhead()
+  // waits for what was sent and drops what was not used; a second
+  // readAhead() ends the first. Texts that are not a single SELECT are
+  // ignored. On engines that run each statement when asked (the default),
+  // both calls do nothing. Neither throws: a read-ahead that cannot start
+  // leaves each statement to run when asked.
+  virtual void readAhead(const std::vector<std::string>& statements) noexcept { (void)statements; }
+  virtual void endReadAhead() noexcept {}
+
   // The errors of the last failing operation (newest last), like the legacy
   // connection's error list. clearErrors() empties it.
   virtual const std::vector<DbError>& errors() const = 0;
@@ -254,6 +273,21 @@ class BatchedWrites {
  private:
   Connection& conn_;
   bool done_ = false;
+};
+
+// Read-ahead of the given statements for its lifetime
+// (Connection::readAhead / endReadAhead).
+class ReadAhead {
+ public:
+  ReadAhead(Connection& conn, const std::vector<std::string>& statements) : conn_(conn) {
+    conn_.readAhead(statements);
+  }
+  ~ReadAhead() { conn_.endReadAhead(); }
+  ReadAhead(const ReadAhead&) = delete;
+  ReadAhead& operator=(const ReadAhead&) = delete;
+
+ private:
+  Connection& conn_;
 };
 
 // Rolls back on destruction unless committed (nest freely). A Read one

@@ -3,6 +3,7 @@
 // above the backend.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -48,6 +49,15 @@ void createDatabase(const std::string& conninfo, const std::string& description,
 // Drops the schema's tables (and the name collation) from the database, in
 // one transaction; tables already gone are skipped.
 void removeSchema(const std::string& conninfo, const std::string& description, const std::vector<std::string>& tables);
+
+// What the read-ahead (Connection::readAhead) of a connection of this engine
+// did since it was opened: statements sent, results handed out, statements
+// dropped unused (run again when asked). For tests; zeros for a connection
+// of another engine.
+struct ReadAheadCounts {
+  int64_t sent = 0, used = 0, dropped = 0;
+};
+ReadAheadCounts readAheadCounts(const Connection& conn);
 
 // The schema text the engine runs, generated from the one schema text.
 std::string schemaFor(std::string_view legacySchema);

@@ -44,6 +44,9 @@ class PgConnection final : public Connection {
   std::unique_ptr<Recordset> execute(std::string_view sql) override {
     db_->checkBatch();
     if (db_->batching()) db_->flushBatches();
+    if (auto ahead = readAheadRows(sql)) {
+      return makeForwardRecordset(db_, std::move(ahead->first), sql, std::move(ahead->second));
+    }
     if (auto sorted = runClientSorted(sql)) {
       return makeForwardRecordset(db_, std::move(sorted->first), sql, std::move(sorted->second));
     }
@@ -63,6 +66,9 @@ class PgConnection final : public Connection {
   std::unique_ptr<ClientRecordset> openClient(std::string_view sql) override {
     db_->checkBatch();
     if (db_->batching()) db_->flushBatches();
+    if (auto ahead = readAheadRows(sql)) {
+      return makeClientRecordset(db_, std::move(ahead->first), sql, std::move(ahead->second));
+    }
     if (auto sorted = runClientSorted(sql)) {
       return makeClientRecordset(db_, std::move(sorted->first), sql, std::move(sorted->second));
     }
@@ -144,6 +150,20 @@ class PgConnection final : public Connection {
   void endBatchedWrites() override { db_->endBatch(); }
   bool batchesWrites() const override { return true; }
 
+  void readAhead(const std::vector<std::string>& statements) noexcept override {
+    if (!db_->isOpen()) return;
+    try {
+      // Held rows go first, as before any read.
+      db_->checkBatch();
+      if (db_->batching()) db_->flushBatches();
+    } catch (...) {
+      return;  // the next statement reports the failure
+    }
+    db_->beginReadAhead(statements);
+  }
+  void endReadAhead() noexcept override { db_->endReadAhead(); }
+  const Database& database() const { return *db_; }
+
   void lockKey(std::string_view key) override {
     db_->checkBatch();
     if (db_->transactionDepth > 0) db_->run("SELECT pg_advisory_xact_lock(hashtextextended($1, 0))", {std::string(key)});
@@ -180,10 +200,27 @@ class PgConnection final : public Connection {
       return std::nullopt;
     }
     if (PQresultStatus(r.get()) != PGRES_TUPLES_OK) return std::nullopt;
-    auto order = clientOrder(r.get(), select.terms);
+    return ordered(std::move(r), select.terms);
+  }
+
+  // The rows of a client-sorted SELECT in their order; nullopt when the
+  // client cannot order them.
+  static std::optional<std::pair<Result, RowOrder>> ordered(Result r, const std::vector<ClientSortTerm>& terms) {
+    auto order = clientOrder(r.get(), terms);
     if (!order) return std::nullopt;
-    RowOrder rows{PQnfields(r.get()) - static_cast<int>(select.terms.size()), std::move(*order)};
+    RowOrder rows{PQnfields(r.get()) - static_cast<int>(terms.size()), std::move(*order)};
     return std::make_pair(std::move(r), std::move(rows));
+  }
+
+  // The rows read ahead for exactly this text, ready to be read; nullopt
+  // when there are none (or the server must sort them): the caller runs
+  // the statement itself.
+  std::optional<std::pair<Result, RowOrder>> readAheadRows(std::string_view sql) {
+    if (!db_->readingAhead()) return std::nullopt;
+    auto got = db_->takeReadAhead(sql);
+    if (!got) return std::nullopt;
+    if (got->second.empty()) return std::make_pair(std::move(got->first), RowOrder{});
+    return ordered(std::move(got->first), got->second);
   }
 
   // A transaction the server ended (a lost connection) is forgotten.
@@ -295,6 +332,13 @@ std::string redact(std::string_view text) {
     l = lowered(s);
   }
   return s;
+}
+
+ReadAheadCounts readAheadCounts(const Connection& conn) {
+  const auto* pg = dynamic_cast<const PgConnection*>(&conn);
+  if (!pg) return {};
+  const auto& c = pg->database().aheadCounts();
+  return {c.sent, c.used, c.dropped};
 }
 
 std::shared_ptr<Connection> openDatabase(const std::string& conninfo, const std::string& description) {

@@ -111,14 +111,20 @@ Database::Database(ConnHandle conn, std::string description)
 Database::~Database() { close(); }
 
 PGconn* Database::handle() {
+  if (ahead_) endReadAhead();  // the reader gives the connection back first
+  checkOpen();
+  return conn_.get();
+}
+
+void Database::checkOpen() const {
   if (!conn_) {
     std::string d = "The connection to '" + description_ + "' is closed";
     throw DbError(21, kSource, d, 21, d);
   }
-  return conn_.get();
 }
 
 void Database::close() noexcept {
+  endReadAhead();
   conn_.reset();
   transactionDepth = 0;
 }

@@ -2,13 +2,16 @@
 // sets. Nothing here is visible above src/platform/postgres.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -60,6 +63,9 @@ struct SelectShape {
   unsigned tableOid = 0;
 };
 
+struct ClientSortTerm;
+struct ReadAheadState;
+
 // The open connection and the state every object on it shares.
 class Database {
  public:
@@ -68,7 +74,10 @@ class Database {
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
 
-  PGconn* handle();  // throws when closed
+  // The connection, given back by a read-ahead first; throws when closed.
+  PGconn* handle();
+  // Throws as handle() when closed, leaving a read-ahead running.
+  void checkOpen() const;
   bool isOpen() const { return conn_ != nullptr; }
   void close() noexcept;
   const std::string& description() const { return description_; }
@@ -122,6 +131,26 @@ class Database {
   int transactionDepth = 0;
   int64_t recordsAffected = 0;
 
+  // --- read-ahead (pg_read_ahead.cpp) ---
+  // Sends the SELECTs among `statements` (legacy texts) at once, in the form
+  // run() would send each, and starts a thread receiving their results. Ends
+  // a read-ahead still running first. Never throws: when it cannot start,
+  // each statement runs when asked.
+  void beginReadAhead(const std::vector<std::string>& statements) noexcept;
+  // The rows read ahead for exactly this text, waiting for them, with the
+  // sort terms they were sent with; nullopt when there are none (not sent,
+  // already taken, failed): the caller then runs the statement itself,
+  // which ends the read-ahead.
+  std::optional<std::pair<Result, std::vector<ClientSortTerm>>> takeReadAhead(std::string_view sql);
+  // Waits for the reader, drops what was not taken and leaves the
+  // connection as it was before (the savepoint undone after a failure).
+  void endReadAhead() noexcept;
+  bool readingAhead() const { return ahead_ != nullptr; }
+  struct AheadCounts {
+    int64_t sent = 0, used = 0, dropped = 0;
+  };
+  const AheadCounts& aheadCounts() const { return aheadCounts_; }
+
   // --- batched writes (pg_batch.cpp) ---
   // True between beginBatchedWrites() and its end, inside a transaction.
   bool batching() const { return batchDepth_ > 0 && batchLevel_ > 0 && transactionDepth >= batchLevel_; }
@@ -158,6 +187,8 @@ class Database {
   Result execPrepared(const std::string& name, const std::vector<Param>& params);
 
   ConnHandle conn_;
+  std::unique_ptr<ReadAheadState> ahead_;
+  AheadCounts aheadCounts_;
   std::string description_;
   std::vector<DbError> errors_;
   std::unordered_map<unsigned, TableInfo> tables_;
@@ -213,6 +244,27 @@ struct ClientSortTerm {
   bool name = false;        // a column sorted by the name rule
   bool descending = false;
 };
+// Statements sent at once and the results a reader thread receives for
+// them (pg_read_ahead.cpp). While a reader runs it alone uses the
+// connection; the caller takes finished results under the mutex.
+struct ReadAheadState {
+  struct Statement {
+    std::string text;                   // as the caller gave it
+    std::string sent;                   // as the server was sent it
+    std::vector<ClientSortTerm> terms;  // as adaptSelect() gave them
+    Result result;                      // once received
+    bool taken = false;
+  };
+  std::vector<Statement> statements;
+  bool savepoint = false;  // sent under a savepoint of its own (inside a transaction)
+  std::mutex mutex;
+  std::condition_variable arrived;
+  size_t received = 0;  // statements whose result arrived (under mutex)
+  bool finished = false;  // the reader is done (under mutex)
+  bool failed = false;    // a statement failed or the connection broke (the reader's, read after join)
+  std::thread reader;
+};
+
 struct ClientSortedSelect {
   std::string sql;                   // the statement the server runs
   std::vector<ClientSortTerm> terms; // empty: the server sorts (sql is adaptSql())

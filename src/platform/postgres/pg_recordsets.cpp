@@ -57,7 +57,7 @@ class ForwardRecordset final : public Recordset {
 
   void moveNext() override {
     checkOpen();
-    db_->handle();  // rows are all here, but the connection must still be open, as on a file
+    db_->checkOpen();  // rows are all here, but the connection must still be open, as on a file
     if (pos_ >= rows_) throwNoCurrentRow();
     ++pos_;
     load();
