@@ -219,8 +219,9 @@ class PgConnection final : public Connection {
     if (!db_->readingAhead()) return std::nullopt;
     auto got = db_->takeReadAhead(sql);
     if (!got) return std::nullopt;
-    if (got->second.empty()) return std::make_pair(std::move(got->first), RowOrder{});
-    return ordered(std::move(got->first), got->second);
+    if (got->sortTerms == 0) return std::make_pair(std::move(got->result), RowOrder{});
+    RowOrder rows{PQnfields(got->result.get()) - got->sortTerms, std::move(*got->order)};
+    return std::make_pair(std::move(got->result), std::move(rows));
   }
 
   // A transaction the server ended (a lost connection) is forgotten.

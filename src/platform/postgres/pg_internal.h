@@ -137,11 +137,18 @@ class Database {
   // a read-ahead still running first. Never throws: when it cannot start,
   // each statement runs when asked.
   void beginReadAhead(const std::vector<std::string>& statements) noexcept;
-  // The rows read ahead for exactly this text, waiting for them, with the
-  // sort terms they were sent with; nullopt when there are none (not sent,
-  // already taken, failed): the caller then runs the statement itself,
-  // which ends the read-ahead.
-  std::optional<std::pair<Result, std::vector<ClientSortTerm>>> takeReadAhead(std::string_view sql);
+  // The rows read ahead for exactly this text, waiting for them, and the
+  // order to read them in when the client sorts them (see adaptSelect: the
+  // reader thread works it out as the rows arrive); nullopt when there are
+  // none (not sent, already taken, failed, or an order the client cannot
+  // give): the caller then runs the statement itself, which ends the
+  // read-ahead.
+  struct AheadRows {
+    Result result;
+    int sortTerms = 0;              // hidden trailing fields
+    std::optional<std::vector<int>> order;  // with sortTerms > 0
+  };
+  std::optional<AheadRows> takeReadAhead(std::string_view sql);
   // Waits for the reader, drops what was not taken and leaves the
   // connection as it was before (the savepoint undone after a failure).
   void endReadAhead() noexcept;
@@ -253,6 +260,7 @@ struct ReadAheadState {
     std::string sent;                   // as the server was sent it
     std::vector<ClientSortTerm> terms;  // as adaptSelect() gave them
     Result result;                      // once received
+    std::optional<std::vector<int>> order;  // clientOrder() of the result, with terms
     bool taken = false;
   };
   std::vector<Statement> statements;

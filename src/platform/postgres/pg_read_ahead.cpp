@@ -50,8 +50,21 @@ void receive(PGconn* c, ReadAheadState& s) {
     Result r = nextResult(c);
     broken = !r;
     if (broken || PQresultStatus(r.get()) != PGRES_TUPLES_OK) failed = true;
+    // The client sort is worked out here, off the caller's thread, while
+    // the server still answers the later statements.
+    std::optional<std::vector<int>> order;
+    if (!failed && !s.statements[k].terms.empty()) {
+      try {
+        order = clientOrder(r.get(), s.statements[k].terms);
+      } catch (...) {
+        order.reset();  // the statement then runs again when asked
+      }
+    }
     std::lock_guard<std::mutex> lock(s.mutex);
-    if (!failed) s.statements[k].result = std::move(r);
+    if (!failed) {
+      s.statements[k].result = std::move(r);
+      s.statements[k].order = std::move(order);
+    }
     s.received = k + 1;
     s.arrived.notify_all();
   }
@@ -82,7 +95,11 @@ void Database::beginReadAhead(const std::vector<std::string>& statements) noexce
     for (const std::string& text : statements) {
       ClientSortedSelect select = adaptSelect(text);
       if (!isSelect(select.sql)) continue;
-      state->statements.push_back({text, std::move(select.sql), std::move(select.terms), nullptr, false});
+      ReadAheadState::Statement st;
+      st.text = text;
+      st.sent = std::move(select.sql);
+      st.terms = std::move(select.terms);
+      state->statements.push_back(std::move(st));
     }
   } catch (...) {
     // A text the dialect refuses runs (and is refused) when asked; so does
@@ -119,7 +136,7 @@ void Database::beginReadAhead(const std::vector<std::string>& statements) noexce
   ahead_ = std::move(state);
 }
 
-std::optional<std::pair<Result, std::vector<ClientSortTerm>>> Database::takeReadAhead(std::string_view sql) {
+std::optional<Database::AheadRows> Database::takeReadAhead(std::string_view sql) {
   if (!ahead_) return std::nullopt;
   ReadAheadState& s = *ahead_;
   auto it = std::find_if(s.statements.begin(), s.statements.end(),
@@ -131,7 +148,9 @@ std::optional<std::pair<Result, std::vector<ClientSortTerm>>> Database::takeRead
   if (!it->result) return std::nullopt;
   it->taken = true;
   ++aheadCounts_.used;
-  return std::make_pair(std::move(it->result), it->terms);
+  if (!it->terms.empty() && !it->order) return std::nullopt;  // the server must sort
+  AheadRows rows{std::move(it->result), static_cast<int>(it->terms.size()), std::move(it->order)};
+  return rows;
 }
 
 void Database::endReadAhead() noexcept {
