@@ -547,16 +547,22 @@ void DataItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem
   // The items are read once, in order: a forward result keeps one row in
   // memory rather than the whole table.
   auto rs = conn.execute(detail::datasWithFicheSql(Ptarget->Address(), Ptarget->targetid()));
-  // Every list entry of the target in one result, filtered per listed item.
-  auto lists = conn.openClient(detail::dataListsSql(Ptarget->targetid()));
+  std::vector<Ptr> listed;
   for (; !rs->eof(); rs->moveNext()) {
     auto d = Add(rs->field(0).toInt32());
     d->setParent(Ptarget);
     readDataColumns(*rs, *d, 1);
     d->setFiche(rs->field(14).toText());
-    if (!d->liste()) continue;
+    if (d->liste() && d->DataListes()) listed.push_back(d);
+  }
+  rs->close();
+  if (listed.empty()) return;
+  // Every list entry of the target in one result, filtered per listed
+  // item; asked for once the items are built, which a server engine
+  // reading ahead spends answering it.
+  auto lists = conn.openClient(detail::dataListsSql(Ptarget->targetid()));
+  for (const auto& d : listed) {
     auto entries = d->DataListes();
-    if (!entries) continue;
     lists->filter("[Data Id]=" + num(d->id()));
     entries->reserve(static_cast<size_t>(entries->Count() + lists->recordCount()));
     for (; !lists->eof(); lists->moveNext()) {
@@ -568,7 +574,6 @@ void DataItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem
     }
   }
   lists->close();
-  rs->close();
 }
 
 void DataItems::DbReadRef(db::Connection& conn, const std::shared_ptr<TargetItem>& Ptarget) {
