@@ -485,6 +485,8 @@ void RequestItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetI
   for (const auto& r : read) {
     r->setParent(target);
     auto list = freshPositions(*r);
+    // The request's half of positionKey(), once per request.
+    const std::string requestKey = positionKey(r->requestName(), {});
     rs->filter("[Request Name]='" + db::sql::doubleQuotes(r->requestName()) + "'");
     list->reserve(static_cast<size_t>(rs->recordCount()));
     for (; !rs->eof(); rs->moveNext()) {
@@ -496,7 +498,13 @@ void RequestItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetI
       pos->setLittleEndian(detail::boolOr(rs->field("Little Endian"), false));
       pos->setParam(detail::boolOr(rs->field("Param"), false));
       pos->setDataname(rs->field("Data Name").toText());
-      pos->setReference(references.count(positionKey(r->requestName(), pos->dataname())) > 0);
+      if (!references.empty()) {
+        std::string key = requestKey;
+        key += names::key(pos->dataname());
+        pos->setReference(references.count(key) > 0);
+      } else {
+        pos->setReference(false);
+      }
       detail::linkPositionToData(pos);
     }
   }
