@@ -296,6 +296,15 @@ class ClientRecordsetImpl final : public ClientRecordset {
     indexes_.resize(n);
   }
 
+  ClientRecordsetImpl(FieldNames names, std::unique_ptr<CellSource> cells)
+      : names_(std::move(names)), cells_(std::move(cells)) {
+    rowCount_ = cells_->rowCount();
+    const auto n = static_cast<size_t>(names_.size());
+    slots_.resize(n);
+    slotRows_.assign(n, kNoRow);
+    indexes_.resize(n);
+  }
+
   bool eof() override {
     checkOpen();
     return pos_ >= visibleCount();
@@ -321,18 +330,21 @@ class ClientRecordsetImpl final : public ClientRecordset {
   const Value& field(int index) override {
     checkOpen();
     names_.checkIndex(index);
-    return current()[static_cast<size_t>(index)];
+    return cell(currentRow(), index);
   }
 
   const Value& field(std::string_view name) override {
     checkOpen();
     int index = names_.require(name);
-    return current()[static_cast<size_t>(index)];
+    return cell(currentRow(), index);
   }
 
   void close() override {
     closed_ = true;
     blocks_.clear();
+    cells_.reset();
+    slots_.clear();
+    slotRows_.clear();
     rowCount_ = 0;
     indexes_.clear();
     visible_.clear();
@@ -408,14 +420,34 @@ class ClientRecordsetImpl final : public ClientRecordset {
 
   size_t visibleCount() const { return filtered_ ? visible_.size() : rowCount_; }
 
-  // The first value of row r.
+  // The first value of row r (rows held in blocks).
   const Value* row(size_t r) const {
     return blocks_[r / rowsPerBlock_].get() + (r % rowsPerBlock_) * static_cast<size_t>(names_.size());
   }
 
-  const Value* current() const {
+  size_t currentRow() const {
     if (pos_ >= visibleCount()) throwNoCurrentRow();
-    return row(filtered_ ? visible_[pos_] : pos_);
+    return filtered_ ? visible_[pos_] : pos_;
+  }
+
+  // The value of a cell as field() gives it: held, or read into its
+  // column's slot (read once however often the row's field is asked for).
+  const Value& cell(size_t r, int column) {
+    if (!cells_) return row(r)[column];
+    const auto c = static_cast<size_t>(column);
+    if (slotRows_[c] != r) {
+      cells_->read(r, column, slots_[c]);
+      slotRows_[c] = r;
+    }
+    return slots_[c];
+  }
+
+  // The value of a cell for an index, without touching the slots (a value
+  // field() gave stays as it was).
+  const Value& cellForIndex(size_t r, int column, Value& scratch) const {
+    if (!cells_) return row(r)[column];
+    cells_->read(r, column, scratch);
+    return scratch;
   }
 
   const Index& indexOf(int column) {
@@ -423,8 +455,9 @@ class ClientRecordsetImpl final : public ClientRecordset {
     if (!slot) {
       slot = std::make_unique<Index>();
       slot->integers = true;
+      Value scratch;
       for (size_t r = 0; r < rowCount_ && slot->integers; ++r) {
-        const Value& v = row(r)[column];
+        const Value& v = cellForIndex(r, column, scratch);
         if (v.type() == Value::Type::Integer) {
           slot->sorted.emplace_back(v.rawInteger(), static_cast<uint32_t>(r));
         } else if (v.isNull()) {
@@ -441,7 +474,7 @@ class ClientRecordsetImpl final : public ClientRecordset {
       slot->nulls = {};
       std::string key;
       for (size_t r = 0; r < rowCount_; ++r) {
-        setValueKey(key, row(r)[column]);
+        setValueKey(key, cellForIndex(r, column, scratch));
         auto it = slot->byKey.find(key);
         if (it == slot->byKey.end()) it = slot->byKey.emplace(key, std::vector<uint32_t>()).first;
         it->second.push_back(static_cast<uint32_t>(r));
@@ -455,6 +488,11 @@ class ClientRecordsetImpl final : public ClientRecordset {
   std::vector<std::unique_ptr<Value[]>> blocks_;  // rowsPerBlock_ rows of names_.size() values each
   size_t rowsPerBlock_ = 1;
   size_t rowCount_ = 0;
+  // Or the cells, read on demand into one slot per column.
+  static constexpr size_t kNoRow = static_cast<size_t>(-1);
+  std::unique_ptr<CellSource> cells_;
+  std::vector<Value> slots_;
+  std::vector<size_t> slotRows_;
   std::vector<std::unique_ptr<Index>> indexes_;
   bool filtered_ = false;
   std::vector<uint32_t> visible_;
@@ -466,6 +504,10 @@ class ClientRecordsetImpl final : public ClientRecordset {
 
 std::unique_ptr<ClientRecordset> makeClientRecordset(FieldNames names, const RowSource& next) {
   return std::make_unique<ClientRecordsetImpl>(std::move(names), next);
+}
+
+std::unique_ptr<ClientRecordset> makeClientRecordset(FieldNames names, std::unique_ptr<CellSource> cells) {
+  return std::make_unique<ClientRecordsetImpl>(std::move(names), std::move(cells));
 }
 
 }  // namespace kavrel::db::memory

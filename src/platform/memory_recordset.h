@@ -52,4 +52,22 @@ using RowSource = std::function<bool(Value* out)>;
 // Reads every row at once; filters then work on memory only.
 std::unique_ptr<ClientRecordset> makeClientRecordset(FieldNames names, const RowSource& next);
 
+// The cells of a result an engine already holds in memory, read one at a
+// time when asked for: rows are numbered 0..rowCount()-1 in the result set's
+// order, columns as the field names. For a large result this spares a copy
+// of every cell (and an allocation per long text) that the reading code may
+// never look at.
+class CellSource {
+ public:
+  virtual ~CellSource() = default;
+  virtual size_t rowCount() const = 0;
+  // Sets `out` to the cell's value. Must not throw (the position is valid).
+  virtual void read(size_t row, int column, Value& out) const = 0;
+};
+
+// A client-side result set over `cells`, which it owns. A value field()
+// gives stays valid until the next move, filter or close (as on a
+// forward-only result set): each column keeps the one value last read.
+std::unique_ptr<ClientRecordset> makeClientRecordset(FieldNames names, std::unique_ptr<CellSource> cells);
+
 }  // namespace kavrel::db::memory

@@ -562,6 +562,24 @@ struct TermColumn {
   }
 };
 
+// The cells of a client-side result set: the server's result itself, kept
+// and read a cell at a time (a whole target's rows are never copied whole).
+class ResultCells final : public memory::CellSource {
+ public:
+  ResultCells(Result r, std::vector<int> order) : result_(std::move(r)), order_(std::move(order)) {}
+
+  size_t rowCount() const override { return static_cast<size_t>(PQntuples(result_.get())); }
+
+  void read(size_t row, int column, Value& out) const override {
+    const int at = order_.empty() ? static_cast<int>(row) : order_[row];
+    out = fieldValue(result_.get(), at, column);
+  }
+
+ private:
+  Result result_;
+  std::vector<int> order_;  // empty: the result's own order
+};
+
 }  // namespace
 
 std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector<ClientSortTerm>& terms) {
@@ -624,17 +642,9 @@ std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, Re
 
 std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database>, Result r, std::string_view sql,
                                                      RowOrder order) {
-  const PGresult* res = r.get();
-  const int fields = order.visible < 0 ? PQnfields(res) : order.visible;
-  const int rows = PQntuples(res);
-  int pos = 0;
-  return memory::makeClientRecordset(namesOf(res, sql, fields), [&](Value* out) {
-    if (pos >= rows) return false;
-    const int row = order.rows.empty() ? pos : order.rows[static_cast<size_t>(pos)];
-    for (int f = 0; f < fields; ++f) out[f] = fieldValue(res, row, f);
-    ++pos;
-    return true;
-  });
+  const int fields = order.visible < 0 ? PQnfields(r.get()) : order.visible;
+  FieldNames names = namesOf(r.get(), sql, fields);
+  return memory::makeClientRecordset(std::move(names), std::make_unique<ResultCells>(std::move(r), std::move(order.rows)));
 }
 
 std::unique_ptr<UpdatableRecordset> makeUpdatableRecordset(std::shared_ptr<Database> db, std::string_view sql) {
