@@ -361,6 +361,7 @@ class ClientRecordsetImpl final : public ClientRecordset {
       visible_.clear();
       return;
     }
+    if (filterOnInteger(trimmed)) return;
     std::vector<uint32_t> result;
     bool first = true;
     for (const FilterTerm& term : parseFilter(trimmed)) {
@@ -416,6 +417,55 @@ class ClientRecordsetImpl final : public ClientRecordset {
 
   void checkOpen() const {
     if (closed_) throwClosed();
+  }
+
+  // The usual filter, "[Column]=integer" on a column of integers (a child
+  // table read whole and filtered per parent), without the general parse:
+  // the rows come straight from the column's sorted index. False, with
+  // nothing changed, for any other filter or column, which the general
+  // path then takes (with the same result for this one).
+  bool filterOnInteger(std::string_view e) {
+    std::string_view column;
+    size_t i = 0;
+    if (!e.empty() && e.front() == '[') {
+      i = e.find(']');
+      if (i == std::string_view::npos) return false;
+      column = e.substr(1, i - 1);
+      ++i;
+    } else {
+      while (i < e.size() && e[i] != '=' && e[i] != '\'' && e[i] != '<' && e[i] != '>' && e[i] != '[') ++i;
+      column = e.substr(0, i);
+      while (!column.empty() && isBlank(column.back())) column.remove_suffix(1);
+    }
+    if (column.empty()) return false;
+    while (i < e.size() && isBlank(e[i])) ++i;
+    if (i >= e.size() || e[i] != '=') return false;
+    ++i;
+    while (i < e.size() && isBlank(e[i])) ++i;
+    std::string_view literal = e.substr(i);
+    bool negative = false;
+    if (!literal.empty() && (literal.front() == '-' || literal.front() == '+')) {
+      negative = literal.front() == '-';
+      literal.remove_prefix(1);
+    }
+    if (literal.empty() || !std::all_of(literal.begin(), literal.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+      return false;
+    }
+    int64_t value = 0;
+    auto [end, ec] = std::from_chars(literal.data(), literal.data() + literal.size(), value);
+    if (ec != std::errc() || end != literal.data() + literal.size()) return false;
+    if (negative) value = -value;
+    if (column != lastFilterColumn_) {
+      lastFilterIndex_ = names_.require(column);
+      lastFilterColumn_.assign(column);
+    }
+    const Index& index = indexOf(lastFilterIndex_);
+    if (!index.integers) return false;
+    auto first = std::lower_bound(index.sorted.begin(), index.sorted.end(), std::make_pair(value, uint32_t{0}));
+    visible_.clear();
+    for (; first != index.sorted.end() && first->first == value; ++first) visible_.push_back(first->second);
+    filtered_ = true;
+    return true;
   }
 
   size_t visibleCount() const { return filtered_ ? visible_.size() : rowCount_; }
@@ -496,6 +546,8 @@ class ClientRecordsetImpl final : public ClientRecordset {
   std::vector<std::unique_ptr<Index>> indexes_;
   bool filtered_ = false;
   std::vector<uint32_t> visible_;
+  std::string lastFilterColumn_;  // as the last integer filter wrote it
+  int lastFilterIndex_ = -1;
   size_t pos_ = 0;
   bool closed_ = false;
 };

@@ -12,6 +12,8 @@
 // first and finds a held row again by its autonumber (or, in a table without
 // one, by the values it was written with).
 #include <algorithm>
+#include <charconv>
+#include <type_traits>
 #include <cmath>
 #include <cstdlib>
 
@@ -580,6 +582,43 @@ class ResultCells final : public memory::CellSource {
   std::vector<int> order_;  // empty: the result's own order
 };
 
+// Sorts `order` (the rows in the result's order) by one numeric term, as
+// TermColumn::compare orders them, on (value, row) pairs side by side: no
+// lookup through the row number per comparison.
+template <class Number>
+void sortPairs(const TermColumn& c, const std::vector<Number>& values, std::vector<int>& order) {
+  struct Entry {
+    Number value;
+    int row;
+    bool null;
+  };
+  std::vector<Entry> entries(order.size());
+  for (size_t i = 0; i < order.size(); ++i) {
+    entries[i] = {c.nulls[i] ? Number() : values[i], static_cast<int>(i), c.nulls[i] != 0};
+  }
+  auto ascending = [](const Entry& a, const Entry& b) {
+    if (a.null || b.null) return a.null && !b.null;  // nulls first
+    if constexpr (std::is_floating_point_v<Number>) {
+      if (std::isnan(a.value) || std::isnan(b.value)) return !std::isnan(a.value) && std::isnan(b.value);
+    }
+    return a.value < b.value;
+  };
+  if (c.term.descending) {
+    std::stable_sort(entries.begin(), entries.end(), [&](const Entry& a, const Entry& b) { return ascending(b, a); });
+  } else {
+    std::stable_sort(entries.begin(), entries.end(), ascending);
+  }
+  for (size_t i = 0; i < entries.size(); ++i) order[i] = entries[i].row;
+}
+
+void sortByNumber(const TermColumn& c, std::vector<int>& order) {
+  if (c.integer) {
+    sortPairs(c, c.integers, order);
+  } else {
+    sortPairs(c, c.reals, order);
+  }
+}
+
 }  // namespace
 
 std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector<ClientSortTerm>& terms) {
@@ -617,21 +656,31 @@ std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector
       } else if (type == kBool) {
         c.integers[at] = v[0] == 't' ? 1 : 0;
       } else if (c.integer) {
-        c.integers[at] = std::strtoll(v, nullptr, 10);
+        std::from_chars(v, v + PQgetlength(r, row, f), c.integers[at]);
       } else {
         // Exact decimals beyond a double's precision are not in the schema.
         c.reals[at] = std::strtod(v, nullptr);
       }
     }
   }
+  auto compareRows = [&](int a, int b) {
+    for (const TermColumn& c : columns) {
+      if (int d = c.compare(a, b)) return d;
+    }
+    return 0;
+  };
   std::vector<int> order(static_cast<size_t>(rows));
   for (int row = 0; row < rows; ++row) order[static_cast<size_t>(row)] = row;
-  std::stable_sort(order.begin(), order.end(), [&](int a, int b) {
-    for (const TermColumn& c : columns) {
-      if (int d = c.compare(a, b)) return d < 0;
-    }
-    return false;
-  });
+  // Rows are often stored in the order asked for already (written so):
+  // one pass tells, and sorting is then spared.
+  bool sorted = true;
+  for (int row = 1; row < rows && sorted; ++row) sorted = compareRows(row - 1, row) <= 0;
+  if (sorted) return order;
+  if (columns.size() == 1 && !columns[0].term.name) {
+    sortByNumber(columns[0], order);
+  } else {
+    std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return compareRows(a, b) < 0; });
+  }
   return order;
 }
 
