@@ -619,6 +619,38 @@ void sortByNumber(const TermColumn& c, std::vector<int>& order) {
   }
 }
 
+// The field holding the values of the sort term whose trailing field is
+// `hidden`: that field itself, or the selected field its label names
+// (adaptSelect: "kavrel sort K field N", "kavrel sort K column NAME", for a
+// term that is a selected column). -1 when the named field is not there,
+// or not once.
+int sourceField(const PGresult* r, int visible, int hidden) {
+  const std::string_view label = PQfname(r, hidden);
+  constexpr std::string_view kPrefix = "kavrel sort ";
+  if (label.substr(0, kPrefix.size()) != kPrefix) return hidden;
+  const size_t space = label.find(' ', kPrefix.size());
+  if (space == std::string_view::npos) return hidden;
+  const std::string_view how = label.substr(space + 1);
+  if (how.substr(0, 6) == "field ") {
+    int field = -1;
+    const std::string_view digits = how.substr(6);
+    auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), field);
+    if (ec != std::errc() || end != digits.data() + digits.size() || field < 0 || field >= visible) return -1;
+    return field;
+  }
+  if (how.substr(0, 7) == "column ") {
+    const std::string_view name = how.substr(7);
+    int found = -1;
+    for (int f = 0; f < visible; ++f) {
+      if (name != PQfname(r, f)) continue;
+      if (found >= 0) return -1;
+      found = f;
+    }
+    return found;
+  }
+  return hidden;
+}
+
 }  // namespace
 
 std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector<ClientSortTerm>& terms) {
@@ -628,7 +660,8 @@ std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector
   for (size_t k = 0; k < terms.size(); ++k) {
     TermColumn& c = columns[k];
     c.term = terms[k];
-    const int f = first + static_cast<int>(k);
+    const int f = sourceField(r, first, first + static_cast<int>(k));
+    if (f < 0) return std::nullopt;
     const Oid type = PQftype(r, f);
     const bool text = type == kText || type == kVarchar || type == kBpchar;
     c.integer = type == kInt2 || type == kInt4 || type == kInt8 || type == kOid || type == kBool;
