@@ -506,7 +506,19 @@ class ClientRecordsetImpl final : public ClientRecordset {
       slot = std::make_unique<Index>();
       slot->integers = true;
       Value scratch;
-      for (size_t r = 0; r < rowCount_ && slot->integers; ++r) {
+      const bool integerCells = cells_ && cells_->integerColumn(column);
+      if (integerCells) {
+        slot->sorted.reserve(rowCount_);
+        int64_t v = 0;
+        for (size_t r = 0; r < rowCount_; ++r) {
+          if (cells_->integerAt(r, column, v)) {
+            slot->sorted.emplace_back(v, static_cast<uint32_t>(r));
+          } else {
+            slot->nulls.push_back(static_cast<uint32_t>(r));
+          }
+        }
+      }
+      for (size_t r = 0; r < rowCount_ && slot->integers && !integerCells; ++r) {
         const Value& v = cellForIndex(r, column, scratch);
         if (v.type() == Value::Type::Integer) {
           slot->sorted.emplace_back(v.rawInteger(), static_cast<uint32_t>(r));
@@ -517,7 +529,14 @@ class ClientRecordsetImpl final : public ClientRecordset {
         }
       }
       if (slot->integers) {
-        std::sort(slot->sorted.begin(), slot->sorted.end());
+        // Rows come in ascending order, so sorting by value alone (stably)
+        // gives (value, row) order; a column often is in order already.
+        auto byValue = [](const std::pair<int64_t, uint32_t>& a, const std::pair<int64_t, uint32_t>& b) {
+          return a.first < b.first;
+        };
+        if (!std::is_sorted(slot->sorted.begin(), slot->sorted.end(), byValue)) {
+          std::stable_sort(slot->sorted.begin(), slot->sorted.end(), byValue);
+        }
         return *slot;
       }
       slot->sorted = {};

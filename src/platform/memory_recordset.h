@@ -63,6 +63,17 @@ class CellSource {
   virtual size_t rowCount() const = 0;
   // Sets `out` to the cell's value. Must not throw (the position is valid).
   virtual void read(size_t row, int column, Value& out) const = 0;
+  // True when read() gives every cell of the column as an Integer or Null:
+  // filters then index it through integerAt(), without a Value per cell.
+  virtual bool integerColumn(int column) const {
+    (void)column;
+    return false;
+  }
+  // For such a column: false for Null, else true with the cell's integer.
+  virtual bool integerAt(size_t row, int column, int64_t& out) const {
+    (void)row, (void)column, (void)out;
+    return false;
+  }
 };
 
 // A client-side result set over `cells`, which it owns. A value field()

@@ -577,6 +577,26 @@ class ResultCells final : public memory::CellSource {
     out = fieldValue(result_.get(), at, column);
   }
 
+  // The types fieldValue() reads as integers (a boolean as -1 or 0).
+  bool integerColumn(int column) const override {
+    const Oid type = PQftype(result_.get(), column);
+    return type == kInt2 || type == kInt4 || type == kInt8 || type == kOid || type == kBool;
+  }
+
+  bool integerAt(size_t row, int column, int64_t& out) const override {
+    const PGresult* r = result_.get();
+    const int at = order_.empty() ? static_cast<int>(row) : order_[row];
+    if (PQgetisnull(r, at, column)) return false;
+    const char* s = PQgetvalue(r, at, column);
+    if (PQftype(r, column) == kBool) {
+      out = s[0] == 't' ? -1 : 0;
+    } else {
+      out = 0;
+      std::from_chars(s, s + PQgetlength(r, at, column), out);
+    }
+    return true;
+  }
+
  private:
   Result result_;
   std::vector<int> order_;  // empty: the result's own order
@@ -709,10 +729,27 @@ std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector
   bool sorted = true;
   for (int row = 1; row < rows && sorted; ++row) sorted = compareRows(row - 1, row) <= 0;
   if (sorted) return order;
-  if (columns.size() == 1 && !columns[0].term.name) {
-    sortByNumber(columns[0], order);
+  // By the first term, then each run of rows it leaves tied by the others:
+  // fewer comparisons of several terms, and a numeric first term sorts on
+  // side-by-side pairs. Both sorts are stable, so ties keep the server's order.
+  const TermColumn& lead = columns[0];
+  if (lead.term.name) {
+    std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return lead.compare(a, b) < 0; });
   } else {
-    std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return compareRows(a, b) < 0; });
+    sortByNumber(lead, order);
+  }
+  if (columns.size() == 1) return order;
+  auto compareRest = [&](int a, int b) {
+    for (size_t k = 1; k < columns.size(); ++k) {
+      if (int d = columns[k].compare(a, b)) return d < 0;
+    }
+    return false;
+  };
+  for (size_t begin = 0; begin < order.size();) {
+    size_t end = begin + 1;
+    while (end < order.size() && lead.compare(order[begin], order[end]) == 0) ++end;
+    if (end - begin > 1) std::stable_sort(order.begin() + static_cast<long>(begin), order.begin() + static_cast<long>(end), compareRest);
+    begin = end;
   }
   return order;
 }
