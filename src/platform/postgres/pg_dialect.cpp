@@ -242,7 +242,9 @@ std::string adaptSql(std::string_view sql) {
       if (t.kind == Kind::Other && (t.raw == "," || t.raw == ";")) {
         endTerm();
       } else if (isWord(t, "limit") || isWord(t, "offset")) {
+        const size_t before = out.size();
         endTerm();
+        if (out.size() != before) out += ' ';  // the blank before LIMIT is written already
         inOrderBy = false;
       } else if (t.kind != Kind::Blank) {
         termSeen = true;
