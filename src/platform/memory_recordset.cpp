@@ -102,8 +102,18 @@ int FieldNames::find(std::string_view name) const {
 }
 
 int FieldNames::require(std::string_view name) const {
+  if (nextAsked_ < asked_.size() && asked_[nextAsked_].name == name) return asked_[nextAsked_++].index;
+  for (size_t k = 0; k < asked_.size(); ++k) {
+    if (asked_[k].name == name) {
+      nextAsked_ = k + 1;
+      return asked_[k].index;
+    }
+  }
   int i = find(name);
   if (i < 0) throwItemNotFound(name);
+  constexpr size_t kMaxAsked = 64;  // a bound for callers that build names
+  if (asked_.size() < kMaxAsked) asked_.push_back({std::string(name), i});
+  nextAsked_ = asked_.size();
   return i;
 }
 

@@ -36,13 +36,21 @@ class FieldNames {
   const std::string& name(int i) const { return names_[static_cast<size_t>(i)]; }
   // -1 when no field has that name; the first of equal names wins.
   int find(std::string_view name) const;
-  // As find(), but throws error 3265 for an unknown name.
+  // As find(), but throws error 3265 for an unknown name. Names asked for
+  // before are found again by their exact text, in the order they were
+  // asked for (a reading loop asks for the same names row after row).
   int require(std::string_view name) const;
   void checkIndex(int index) const;
 
  private:
   std::vector<std::string> names_;
   std::vector<std::string> folded_;
+  struct Asked {
+    std::string name;  // as the caller wrote it
+    int index;
+  };
+  mutable std::vector<Asked> asked_;
+  mutable size_t nextAsked_ = 0;
 };
 
 // Fills the next row's values (as many as there are fields) and returns

@@ -121,6 +121,14 @@ TEST_P(RecordsetTest, IntegerFiltersInEverySpellingAgreeWithTheGeneralFilterAndV
   for (auto [name, n] : {std::pair{"12", "-3"}, {"b", "3"}, {"7", "7"}, {"d", "NULL"}, {"e", "3"}, {"-3", "12"}})
     insert(name, n);
   conn->execute("UPDATE t SET Numérique = n * 2, x = n");
+  // The widest integers read back and sort as numbers.
+  insert("max", "9223372036854775807");
+  insert("min", "-9223372036854775807");
+  std::string sorted;
+  for (auto all = conn->openClient("SELECT [Request Name], n FROM t ORDER BY n DESC, id"); !all->eof(); all->moveNext())
+    sorted += all->field(0).toText() + (all->field(1).isNull() ? "" : "=" + all->field(1).toText()) + ";";
+  EXPECT_EQ(sorted, "max=9223372036854775807;-3=12;7=7;b=3;e=3;12=-3;min=-9223372036854775807;d;");
+  conn->execute("DELETE FROM t WHERE n > 1000 OR n < -1000");
   auto rs = conn->openClient("SELECT id, [Request Name], n, Numérique, x FROM t ORDER BY id");
   auto names = [&](const std::string& f) {
     rs->filter(f);
