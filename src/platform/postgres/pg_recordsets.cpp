@@ -56,6 +56,15 @@ int64_t serverInteger(const char* s, int length) {
   return negative ? -static_cast<int64_t>(v) : static_cast<int64_t>(v);
 }
 
+bool isIntegerType(Oid type) { return type == kInt2 || type == kInt4 || type == kInt8 || type == kOid; }
+
+// A result field as a Value: fieldValue(), with integers read faster.
+Value cellValue(const PGresult* r, int row, int column) {
+  if (!isIntegerType(PQftype(r, column))) return fieldValue(r, row, column);
+  if (PQgetisnull(r, row, column)) return Value();
+  return Value(serverInteger(PQgetvalue(r, row, column), PQgetlength(r, row, column)));
+}
+
 FieldNames namesOf(const PGresult* r, std::string_view sql, int count) {
   FieldNames names;
   for (int i = 0; i < count; ++i) names.add(displayName(PQfname(r, i), sql));
@@ -71,6 +80,7 @@ class ForwardRecordset final : public Recordset {
         order_(std::move(order.rows)) {
     rows_ = PQntuples(result_.get());
     row_.resize(static_cast<size_t>(names_.size()));
+    loaded_.resize(static_cast<size_t>(names_.size()));
     load();
   }
 
@@ -102,14 +112,14 @@ class ForwardRecordset final : public Recordset {
     checkOpen();
     names_.checkIndex(index);
     if (pos_ >= rows_) throwNoCurrentRow();
-    return row_[static_cast<size_t>(index)];
+    return cell(index);
   }
 
   const Value& field(std::string_view name) override {
     checkOpen();
     int index = names_.require(name);
     if (pos_ >= rows_) throwNoCurrentRow();
-    return row_[static_cast<size_t>(index)];
+    return cell(index);
   }
 
   void close() override {
@@ -122,10 +132,21 @@ class ForwardRecordset final : public Recordset {
     if (closed_) throwClosed();
   }
 
+  // A row's values are read when asked for, each once: a reading loop
+  // rarely wants every field, and a read field costs a conversion.
   void load() {
     if (pos_ >= rows_) return;
-    const int row = order_.empty() ? pos_ : order_[static_cast<size_t>(pos_)];
-    for (int i = 0; i < names_.size(); ++i) row_[static_cast<size_t>(i)] = fieldValue(result_.get(), row, i);
+    rowIndex_ = order_.empty() ? pos_ : order_[static_cast<size_t>(pos_)];
+    std::fill(loaded_.begin(), loaded_.end(), 0);
+  }
+
+  const Value& cell(int index) {
+    const auto i = static_cast<size_t>(index);
+    if (!loaded_[i]) {
+      row_[i] = cellValue(result_.get(), rowIndex_, index);
+      loaded_[i] = 1;
+    }
+    return row_[i];
   }
 
   std::shared_ptr<Database> db_;
@@ -133,6 +154,8 @@ class ForwardRecordset final : public Recordset {
   FieldNames names_;
   std::vector<int> order_;
   std::vector<Value> row_;
+  std::vector<char> loaded_;  // which of row_ hold the current row's value
+  int rowIndex_ = 0;         // the current row in the result
   int rows_ = 0;
   int pos_ = 0;
   bool closed_ = false;
@@ -595,21 +618,13 @@ class ResultCells final : public memory::CellSource {
   size_t rowCount() const override { return static_cast<size_t>(PQntuples(result_.get())); }
 
   void read(size_t row, int column, Value& out) const override {
-    const int at = order_.empty() ? static_cast<int>(row) : order_[row];
-    int64_t i = 0;
-    if (!integerColumn(column) || PQftype(result_.get(), column) == kBool) {
-      out = fieldValue(result_.get(), at, column);
-    } else if (integerAt(row, column, i)) {
-      out = Value(i);  // as fieldValue() reads it, only faster
-    } else {
-      out = Value();
-    }
+    out = cellValue(result_.get(), order_.empty() ? static_cast<int>(row) : order_[row], column);
   }
 
   // The types fieldValue() reads as integers (a boolean as -1 or 0).
   bool integerColumn(int column) const override {
     const Oid type = PQftype(result_.get(), column);
-    return type == kInt2 || type == kInt4 || type == kInt8 || type == kOid || type == kBool;
+    return isIntegerType(type) || type == kBool;
   }
 
   bool integerAt(size_t row, int column, int64_t& out) const override {
