@@ -278,8 +278,8 @@ TEST(PostgresOrder, SortTermsThatAreSelectedColumnsSortAsTheServerDoesInEverySha
     c->execute(std::string("INSERT INTO Données ([Target Id], [Data Name], NumberBits) VALUES (1, ") +
                db::sql::quote(r[0]) + ", " + r[1] + ")");
   }
-  c->execute("INSERT INTO Listes ([Data Id], Valeur, Numérique, Liste, Libellé) SELECT [Data Id], COALESCE(NumberBits, 5), 0, 0, "
-             "[Data Name] FROM Données");
+  c->execute("INSERT INTO Listes ([Data Id], Valeur, Numérique, Liste, Libellé) SELECT [Data Id], "
+             "COALESCE(NumberBits, 5), 0, 0, [Data Name] FROM Données");
   const std::string joined = " FROM Listes, Données WHERE Données.[Data Id] = Listes.[Data Id]";
   // Each statement against the same one sorted by the server (a LIMIT
   // leaves the ORDER BY to it); the last term makes the order total.

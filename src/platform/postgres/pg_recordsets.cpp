@@ -34,10 +34,10 @@ namespace {
 constexpr Oid kBool = 16, kInt8 = 20, kInt2 = 21, kInt4 = 23, kText = 25, kOid = 26, kFloat4 = 700,
               kFloat8 = 701, kBpchar = 1042, kVarchar = 1043, kNumeric = 1700;
 
-// An integer as the server writes it: an optional '-', then digits (read
-// up to the first other character, as std::from_chars reads it). A loop of its own: the
-// library's general conversion costs several times more per cell, and a
-// whole target has hundreds of thousands of them.
+// An integer as the server writes it: an optional '-', then digits (read up
+// to the first other character, as std::from_chars reads it). A loop of its
+// own: the library's general conversion costs several times more per cell,
+// and a whole target has hundreds of thousands of them.
 int64_t serverInteger(const char* s, int length) {
   const char* end = s + length;
   const bool negative = s != end && *s == '-';
@@ -791,7 +791,9 @@ std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector
   for (size_t begin = 0; begin < order.size();) {
     size_t end = begin + 1;
     while (end < order.size() && lead.compare(order[begin], order[end]) == 0) ++end;
-    if (end - begin > 1) std::stable_sort(order.begin() + static_cast<long>(begin), order.begin() + static_cast<long>(end), compareRest);
+    if (end - begin > 1) {
+      std::stable_sort(order.begin() + static_cast<long>(begin), order.begin() + static_cast<long>(end), compareRest);
+    }
     begin = end;
   }
   return order;
@@ -806,7 +808,8 @@ std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database>, 
                                                      RowOrder order) {
   const int fields = order.visible < 0 ? PQnfields(r.get()) : order.visible;
   FieldNames names = namesOf(r.get(), sql, fields);
-  return memory::makeClientRecordset(std::move(names), std::make_unique<ResultCells>(std::move(r), std::move(order.rows)));
+  auto cells = std::make_unique<ResultCells>(std::move(r), std::move(order.rows));
+  return memory::makeClientRecordset(std::move(names), std::move(cells));
 }
 
 std::unique_ptr<UpdatableRecordset> makeUpdatableRecordset(std::shared_ptr<Database> db, std::string_view sql) {
