@@ -102,8 +102,18 @@ int FieldNames::find(std::string_view name) const {
 }
 
 int FieldNames::require(std::string_view name) const {
+  if (nextAsked_ < asked_.size() && asked_[nextAsked_].name == name) return asked_[nextAsked_++].index;
+  for (size_t k = 0; k < asked_.size(); ++k) {
+    if (asked_[k].name == name) {
+      nextAsked_ = k + 1;
+      return asked_[k].index;
+    }
+  }
   int i = find(name);
   if (i < 0) throwItemNotFound(name);
+  constexpr size_t kMaxAsked = 64;  // a bound for callers that build names
+  if (asked_.size() < kMaxAsked) asked_.push_back({std::string(name), i});
+  nextAsked_ = asked_.size();
   return i;
 }
 
@@ -296,6 +306,15 @@ class ClientRecordsetImpl final : public ClientRecordset {
     indexes_.resize(n);
   }
 
+  ClientRecordsetImpl(FieldNames names, std::unique_ptr<CellSource> cells)
+      : names_(std::move(names)), cells_(std::move(cells)) {
+    rowCount_ = cells_->rowCount();
+    const auto n = static_cast<size_t>(names_.size());
+    slots_.resize(n);
+    slotRows_.assign(n, kNoRow);
+    indexes_.resize(n);
+  }
+
   bool eof() override {
     checkOpen();
     return pos_ >= visibleCount();
@@ -321,18 +340,21 @@ class ClientRecordsetImpl final : public ClientRecordset {
   const Value& field(int index) override {
     checkOpen();
     names_.checkIndex(index);
-    return current()[static_cast<size_t>(index)];
+    return cell(currentRow(), index);
   }
 
   const Value& field(std::string_view name) override {
     checkOpen();
     int index = names_.require(name);
-    return current()[static_cast<size_t>(index)];
+    return cell(currentRow(), index);
   }
 
   void close() override {
     closed_ = true;
     blocks_.clear();
+    cells_.reset();
+    slots_.clear();
+    slotRows_.clear();
     rowCount_ = 0;
     indexes_.clear();
     visible_.clear();
@@ -349,6 +371,7 @@ class ClientRecordsetImpl final : public ClientRecordset {
       visible_.clear();
       return;
     }
+    if (filterOnInteger(trimmed)) return;
     std::vector<uint32_t> result;
     bool first = true;
     for (const FilterTerm& term : parseFilter(trimmed)) {
@@ -406,16 +429,85 @@ class ClientRecordsetImpl final : public ClientRecordset {
     if (closed_) throwClosed();
   }
 
+  // The usual filter, "[Column]=integer" on a column of integers (a child
+  // table read whole and filtered per parent), without the general parse:
+  // the rows come straight from the column's sorted index. False, with
+  // nothing changed, for any other filter or column, which the general
+  // path then takes (with the same result for this one).
+  bool filterOnInteger(std::string_view e) {
+    std::string_view column;
+    size_t i = 0;
+    if (!e.empty() && e.front() == '[') {
+      i = e.find(']');
+      if (i == std::string_view::npos) return false;
+      column = e.substr(1, i - 1);
+      ++i;
+    } else {
+      while (i < e.size() && e[i] != '=' && e[i] != '\'' && e[i] != '<' && e[i] != '>' && e[i] != '[') ++i;
+      column = e.substr(0, i);
+      while (!column.empty() && isBlank(column.back())) column.remove_suffix(1);
+    }
+    if (column.empty()) return false;
+    while (i < e.size() && isBlank(e[i])) ++i;
+    if (i >= e.size() || e[i] != '=') return false;
+    ++i;
+    while (i < e.size() && isBlank(e[i])) ++i;
+    std::string_view literal = e.substr(i);
+    bool negative = false;
+    if (!literal.empty() && (literal.front() == '-' || literal.front() == '+')) {
+      negative = literal.front() == '-';
+      literal.remove_prefix(1);
+    }
+    if (literal.empty() || !std::all_of(literal.begin(), literal.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+      return false;
+    }
+    int64_t value = 0;
+    auto [end, ec] = std::from_chars(literal.data(), literal.data() + literal.size(), value);
+    if (ec != std::errc() || end != literal.data() + literal.size()) return false;
+    if (negative) value = -value;
+    if (column != lastFilterColumn_) {
+      lastFilterIndex_ = names_.require(column);
+      lastFilterColumn_.assign(column);
+    }
+    const Index& index = indexOf(lastFilterIndex_);
+    if (!index.integers) return false;
+    auto first = std::lower_bound(index.sorted.begin(), index.sorted.end(), std::make_pair(value, uint32_t{0}));
+    visible_.clear();
+    for (; first != index.sorted.end() && first->first == value; ++first) visible_.push_back(first->second);
+    filtered_ = true;
+    return true;
+  }
+
   size_t visibleCount() const { return filtered_ ? visible_.size() : rowCount_; }
 
-  // The first value of row r.
+  // The first value of row r (rows held in blocks).
   const Value* row(size_t r) const {
     return blocks_[r / rowsPerBlock_].get() + (r % rowsPerBlock_) * static_cast<size_t>(names_.size());
   }
 
-  const Value* current() const {
+  size_t currentRow() const {
     if (pos_ >= visibleCount()) throwNoCurrentRow();
-    return row(filtered_ ? visible_[pos_] : pos_);
+    return filtered_ ? visible_[pos_] : pos_;
+  }
+
+  // The value of a cell as field() gives it: held, or read into its
+  // column's slot (read once however often the row's field is asked for).
+  const Value& cell(size_t r, int column) {
+    if (!cells_) return row(r)[column];
+    const auto c = static_cast<size_t>(column);
+    if (slotRows_[c] != r) {
+      cells_->read(r, column, slots_[c]);
+      slotRows_[c] = r;
+    }
+    return slots_[c];
+  }
+
+  // The value of a cell for an index, without touching the slots (a value
+  // field() gave stays as it was).
+  const Value& cellForIndex(size_t r, int column, Value& scratch) const {
+    if (!cells_) return row(r)[column];
+    cells_->read(r, column, scratch);
+    return scratch;
   }
 
   const Index& indexOf(int column) {
@@ -423,8 +515,21 @@ class ClientRecordsetImpl final : public ClientRecordset {
     if (!slot) {
       slot = std::make_unique<Index>();
       slot->integers = true;
-      for (size_t r = 0; r < rowCount_ && slot->integers; ++r) {
-        const Value& v = row(r)[column];
+      Value scratch;
+      const bool integerCells = cells_ && cells_->integerColumn(column);
+      if (integerCells) {
+        slot->sorted.reserve(rowCount_);
+        int64_t v = 0;
+        for (size_t r = 0; r < rowCount_; ++r) {
+          if (cells_->integerAt(r, column, v)) {
+            slot->sorted.emplace_back(v, static_cast<uint32_t>(r));
+          } else {
+            slot->nulls.push_back(static_cast<uint32_t>(r));
+          }
+        }
+      }
+      for (size_t r = 0; r < rowCount_ && slot->integers && !integerCells; ++r) {
+        const Value& v = cellForIndex(r, column, scratch);
         if (v.type() == Value::Type::Integer) {
           slot->sorted.emplace_back(v.rawInteger(), static_cast<uint32_t>(r));
         } else if (v.isNull()) {
@@ -434,14 +539,21 @@ class ClientRecordsetImpl final : public ClientRecordset {
         }
       }
       if (slot->integers) {
-        std::sort(slot->sorted.begin(), slot->sorted.end());
+        // Rows come in ascending order, so sorting by value alone (stably)
+        // gives (value, row) order; a column often is in order already.
+        auto byValue = [](const std::pair<int64_t, uint32_t>& a, const std::pair<int64_t, uint32_t>& b) {
+          return a.first < b.first;
+        };
+        if (!std::is_sorted(slot->sorted.begin(), slot->sorted.end(), byValue)) {
+          std::stable_sort(slot->sorted.begin(), slot->sorted.end(), byValue);
+        }
         return *slot;
       }
       slot->sorted = {};
       slot->nulls = {};
       std::string key;
       for (size_t r = 0; r < rowCount_; ++r) {
-        setValueKey(key, row(r)[column]);
+        setValueKey(key, cellForIndex(r, column, scratch));
         auto it = slot->byKey.find(key);
         if (it == slot->byKey.end()) it = slot->byKey.emplace(key, std::vector<uint32_t>()).first;
         it->second.push_back(static_cast<uint32_t>(r));
@@ -455,9 +567,16 @@ class ClientRecordsetImpl final : public ClientRecordset {
   std::vector<std::unique_ptr<Value[]>> blocks_;  // rowsPerBlock_ rows of names_.size() values each
   size_t rowsPerBlock_ = 1;
   size_t rowCount_ = 0;
+  // Or the cells, read on demand into one slot per column.
+  static constexpr size_t kNoRow = static_cast<size_t>(-1);
+  std::unique_ptr<CellSource> cells_;
+  std::vector<Value> slots_;
+  std::vector<size_t> slotRows_;
   std::vector<std::unique_ptr<Index>> indexes_;
   bool filtered_ = false;
   std::vector<uint32_t> visible_;
+  std::string lastFilterColumn_;  // as the last integer filter wrote it
+  int lastFilterIndex_ = -1;
   size_t pos_ = 0;
   bool closed_ = false;
 };
@@ -466,6 +585,10 @@ class ClientRecordsetImpl final : public ClientRecordset {
 
 std::unique_ptr<ClientRecordset> makeClientRecordset(FieldNames names, const RowSource& next) {
   return std::make_unique<ClientRecordsetImpl>(std::move(names), next);
+}
+
+std::unique_ptr<ClientRecordset> makeClientRecordset(FieldNames names, std::unique_ptr<CellSource> cells) {
+  return std::make_unique<ClientRecordsetImpl>(std::move(names), std::move(cells));
 }
 
 }  // namespace kavrel::db::memory

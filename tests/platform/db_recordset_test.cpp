@@ -117,6 +117,71 @@ TEST_P(RecordsetTest, ClientFilterOnTextsNumbersAndQuotesAgreesWithAScan) {
   }
 }
 
+TEST_P(RecordsetTest, IntegerFiltersInEverySpellingAgreeWithTheGeneralFilterAndValuesReadBackPerRow) {
+  for (auto [name, n] : {std::pair{"12", "-3"}, {"b", "3"}, {"7", "7"}, {"d", "NULL"}, {"e", "3"}, {"-3", "12"}})
+    insert(name, n);
+  conn->execute("UPDATE t SET Numérique = n * 2, x = n");
+  // The widest integers read back and sort as numbers.
+  insert("max", "9223372036854775807");
+  insert("min", "-9223372036854775807");
+  std::string sorted;
+  for (auto all = conn->openClient("SELECT [Request Name], n FROM t ORDER BY n DESC, id"); !all->eof(); all->moveNext())
+    sorted += all->field(0).toText() + (all->field(1).isNull() ? "" : "=" + all->field(1).toText()) + ";";
+  EXPECT_EQ(sorted, "max=9223372036854775807;-3=12;7=7;b=3;e=3;12=-3;min=-9223372036854775807;d;");
+  conn->execute("DELETE FROM t WHERE n > 1000 OR n < -1000");
+  auto rs = conn->openClient("SELECT id, [Request Name], n, Numérique, x FROM t ORDER BY id");
+  auto names = [&](const std::string& f) {
+    rs->filter(f);
+    std::string out;
+    for (; !rs->eof(); rs->moveNext()) out += rs->field("Request Name").toText() + ";";
+    return out;
+  };
+  // Integer columns (one-term filters take a shortcut), then the same
+  // filters on a text and a real column and combined with AND (which do not).
+  const std::pair<const char*, const char*> cases[] = {
+      {"[n]=3", "b;e;"},
+      {"n = 3", "b;e;"},
+      {"[N]=+3", "b;e;"},
+      {"[n]=-3", "12;"},
+      {"[n]=003", "b;e;"},
+      {"[n]=Null", "d;"},
+      {"[n]=9223372036854775808", ""},  // past the integers: no row, no failure
+      {"[n]=3.0", "b;e;"},
+      {"[NUMÉRIQUE]=6", "b;e;"},
+      {"[Request Name]=12", "12;"},  // a text column holding the number
+      {"[Request Name]=-3", "-3;"},
+      {"[x]=7", "7;"},
+      {"[n]=3 AND [Request Name]='E'", "e;"},
+      {"[n]='7'", "7;"},
+  };
+  for (const auto& [filter, expected] : cases) EXPECT_EQ(names(filter), expected) << filter;
+  // Going back and forth between columns and filters does not mix them up.
+  EXPECT_EQ(names("[n]=12"), "-3;");
+  EXPECT_EQ(names("[Numérique]=24"), "-3;");
+  EXPECT_EQ(names("[n]=12"), "-3;");
+  EXPECT_EQ(errorOf([&] { rs->filter("[nope]=3"); }), 3265);
+  EXPECT_EQ(errorOf([&] { rs->filter("[n]=3x"); }), 3001);
+  // Values of one row stay as they were read while the other fields of the
+  // row are read, however often, and each row gives its own.
+  rs->filter("[n]=3");
+  const Value& first = rs->field("Request Name");
+  const Value& n = rs->field(2);
+  EXPECT_EQ(rs->field(1).toText(), "b");
+  EXPECT_EQ(rs->field("x").toDouble(), 3.0);
+  EXPECT_EQ(first.toText(), "b");
+  EXPECT_EQ(n.toInt32(), 3);
+  rs->moveNext();
+  EXPECT_EQ(rs->field("Request Name").toText(), "e");
+  rs->moveFirst();
+  EXPECT_EQ(rs->field("Request Name").toText(), "b");
+  rs->clearFilter();
+  EXPECT_EQ(rs->recordCount(), 6);
+  EXPECT_FALSE(rs->field("Numérique").isNull());
+  rs->close();
+  EXPECT_EQ(errorOf([&] { rs->field(0); }), 3704);
+  EXPECT_EQ(errorOf([&] { rs->filter("[n]=3"); }), 3704);
+}
+
 TEST_P(RecordsetTest, UpdatableAddsEditsDeletesAndKeepsAFailedChange) {
   auto rs = conn->openUpdatable("SELECT id, [Request Name], n, filled FROM t");
   rs->addNew();

@@ -268,6 +268,55 @@ TEST(PostgresOrder, SelectsSortedByTheClientGiveTheServersOrderAndHideTheirSortF
 }
 
 
+TEST(PostgresOrder, SortTermsThatAreSelectedColumnsSortAsTheServerDoesInEveryShapeOfSelectList) {
+  TempDb db(Engine::PostgreSQL);
+  auto c = db.connection();
+  c->execute("INSERT INTO Cibles (Address, [Target Name]) VALUES (1, 'T')");
+  // Ties on the numbers, Nulls, and names in both letter cases.
+  const char* const rows[][2] = {{"b", "8"}, {"A", "Null"}, {"ab", "8"}, {"c", "1"}, {"Bb", "Null"}, {"cA", "8"}};
+  for (const auto& r : rows) {
+    c->execute(std::string("INSERT INTO Données ([Target Id], [Data Name], NumberBits) VALUES (1, ") +
+               db::sql::quote(r[0]) + ", " + r[1] + ")");
+  }
+  c->execute("INSERT INTO Listes ([Data Id], Valeur, Numérique, Liste, Libellé) SELECT [Data Id], "
+             "COALESCE(NumberBits, 5), 0, 0, [Data Name] FROM Données");
+  const std::string joined = " FROM Listes, Données WHERE Données.[Data Id] = Listes.[Data Id]";
+  // Each statement against the same one sorted by the server (a LIMIT
+  // leaves the ORDER BY to it); the last term makes the order total.
+  for (const std::string& sql : {
+           std::string("SELECT [Data Id], [Data Name], NumberBits FROM Données ORDER BY [Data Name], NumberBits DESC, "
+                       "[Data Id]"),
+           std::string("SELECT NumberBits, [Data Id] FROM Données ORDER BY [NUMBERBITS] DESC, [Data Name], [Data Id]"),
+           std::string("SELECT Données.[Data Name], Données.[Data Id] FROM Données ORDER BY [Data Name] DESC, "
+                       "Données.[Data Id]"),
+           std::string("SELECT [Data Id] AS Ident, [Data Name] FROM Données ORDER BY NumberBits, [Data Id]"),
+           std::string("SELECT * FROM Données ORDER BY NumberBits, [Data Name] DESC, [Data Id]"),
+           std::string("SELECT [Data Name], * FROM Données ORDER BY [Data Name], [Data Id] DESC"),
+           std::string("SELECT *, [Data Id] FROM Données ORDER BY [Data Name], [Data Id]"),
+           std::string("SELECT Données.* FROM Données ORDER BY Données.[Data Name], [Data Id]"),
+           "SELECT Listes.Valeur, Données.[Data Name], Listes.[Data Id]" + joined +
+               " ORDER BY Listes.Valeur DESC, Données.[Data Name], Listes.[Data Id]",
+           "SELECT Listes.*" + joined + " ORDER BY Valeur, Libellé DESC, Listes.[Data Id]",
+           "SELECT *" + joined + " ORDER BY Valeur, [Libellé], Listes.[Data Id]",
+       }) {
+    SCOPED_TRACE(sql);
+    auto client = c->execute(sql);
+    auto server = c->execute(sql + " LIMIT 100");
+    EXPECT_EQ(client->fieldCount(), server->fieldCount());
+    EXPECT_EQ(rowsOf(*client), rowsOf(*server));
+    auto filtered = c->openClient(sql);
+    EXPECT_EQ(filtered->recordCount(), static_cast<int64_t>(std::size(rows)));
+  }
+  // A term the statement cannot take fails as it did, whatever is selected.
+  for (const char* sql : {"SELECT * FROM Données ORDER BY [No Such Column]",
+                          "SELECT [Data Name] FROM Données ORDER BY Listes.[Data Name]",
+                          "SELECT Données.[Data Name] FROM Données ORDER BY Listes.[Data Name]"}) {
+    SCOPED_TRACE(sql);
+    EXPECT_THROW(c->execute(sql), Error);
+    EXPECT_THROW(c->openClient(sql), Error);
+  }
+}
+
 TEST(PostgresConflicts, ADeadlockedUnitOfWorkRunsAgainAndBothWritersSucceed) {
   TempDb db(Engine::PostgreSQL);
   {

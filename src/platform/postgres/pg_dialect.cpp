@@ -242,7 +242,9 @@ std::string adaptSql(std::string_view sql) {
       if (t.kind == Kind::Other && (t.raw == "," || t.raw == ";")) {
         endTerm();
       } else if (isWord(t, "limit") || isWord(t, "offset")) {
+        const size_t before = out.size();
         endTerm();
+        if (out.size() != before) out += ' ';  // the blank before LIMIT is written already
         inOrderBy = false;
       } else if (t.kind != Kind::Blank) {
         termSeen = true;
@@ -351,6 +353,78 @@ std::string adaptSql(std::string_view sql) {
   return out;
 }
 
+namespace {
+
+// The fields of a select list that are plain columns ([qualifier.]column,
+// no alias), by position; positions after a star are not known.
+struct SelectList {
+  struct Plain {
+    std::string qualifier;  // folded, or empty
+    std::string column;     // folded
+    int position = 0;
+  };
+  std::vector<Plain> plain;
+  bool starOnly = false;  // the list is a bare "*"
+};
+
+SelectList selectList(const std::vector<Token>& tokens, size_t begin, size_t end) {
+  SelectList list;
+  std::vector<size_t> solid;
+  int position = 0, depth = 0;
+  bool known = true;
+  auto endItem = [&] {
+    const bool star = (solid.size() == 1 && tokens[solid[0]].raw == "*") ||
+                      (solid.size() == 3 && tokens[solid[2]].raw == "*" && tokens[solid[1]].raw == ".");
+    if (star) {
+      list.starOnly = position == 0 && solid.size() == 1;
+      known = false;
+    } else if (known && solid.size() == 1 && isName(tokens[solid[0]])) {
+      list.plain.push_back({{}, memory::foldName(tokens[solid[0]].ident), position});
+    } else if (known && solid.size() == 3 && isName(tokens[solid[0]]) && tokens[solid[1]].raw == "." &&
+               isName(tokens[solid[2]])) {
+      list.plain.push_back({memory::foldName(tokens[solid[0]].ident), memory::foldName(tokens[solid[2]].ident),
+                            position});
+    }
+    solid.clear();
+    ++position;
+  };
+  for (size_t i = begin; i < end; ++i) {
+    const Token& t = tokens[i];
+    if (t.kind == Kind::Blank) continue;
+    if (t.raw == "(") ++depth;
+    if (t.raw == ")") --depth;
+    if (depth == 0 && t.raw == ",") {
+      endItem();
+      continue;
+    }
+    solid.push_back(i);
+  }
+  endItem();
+  if (position != 1) list.starOnly = false;
+  return list;
+}
+
+// Where the client finds a sort term among the selected fields, as the
+// hidden field's label says it ("field N", "column NAME"), or empty when the
+// term must be selected again. A selected field is the term only when it is
+// the very same expression (same column, same qualifier or none on both);
+// in a bare "SELECT *" of one table an unqualified term is the field of
+// that name, which the client looks for (clientOrder).
+std::string reusedField(const SelectList& list, const std::string& qualifier, const std::string& column,
+                        bool oneTable) {
+  for (const SelectList::Plain& p : list.plain) {
+    if (p.column == column && p.qualifier == qualifier) return "field " + std::to_string(p.position);
+  }
+  // Labels are names of at most 63 bytes on the server; brackets end them here.
+  if (list.starOnly && oneTable && qualifier.empty() && column.size() <= 40 &&
+      column.find_first_of("[]") == std::string::npos) {
+    return "column " + column;
+  }
+  return {};
+}
+
+}  // namespace
+
 ClientSortedSelect adaptSelect(std::string_view sql) {
   ClientSortedSelect out;
   auto tokens = tokenize(sql);
@@ -363,6 +437,7 @@ ClientSortedSelect adaptSelect(std::string_view sql) {
   };
   size_t i = nextSolid(tokens, 0);
   if (i >= tokens.size() || !isWord(tokens[i], "select")) return serverSorted();
+  const size_t select = i;
   // DISTINCT would count the hidden sort fields in what makes rows distinct.
   size_t second = nextSolid(tokens, i + 1);
   if (second < tokens.size() && isWord(tokens[second], "distinct")) return serverSorted();
@@ -388,6 +463,8 @@ ClientSortedSelect adaptSelect(std::string_view sql) {
   // Terms: [qualifier.]name [ASC|DESC], separated by commas; anything else
   // (expressions, positions, NULLS FIRST, LIMIT, ...) is left to the server.
   const SchemaBook& book = schemaBook();
+  const SelectList list = selectList(tokens, select + 1, from);
+  const bool oneTable = readsOneTable(sql);
   std::string hidden;
   for (;;) {
     size_t n = nextSolid(tokens, i);
@@ -401,9 +478,16 @@ ClientSortedSelect adaptSelect(std::string_view sql) {
       if (last >= tokens.size() || !isName(tokens[last])) return serverSorted();
     }
     ClientSortTerm term;
-    term.name = book.nameColumns.count(memory::foldName(tokens[last].ident)) > 0;
-    hidden += ", " + std::string(sql.substr(offsets[n], offsets[last + 1] - offsets[n])) + " AS [kavrel sort " +
-              std::to_string(out.terms.size() + 1) + "]";
+    const std::string column = memory::foldName(tokens[last].ident);
+    term.name = book.nameColumns.count(column) > 0;
+    const std::string label = "kavrel sort " + std::to_string(out.terms.size() + 1);
+    const std::string qualifier = last == n ? std::string() : memory::foldName(tokens[n].ident);
+    if (std::string reuse = reusedField(list, qualifier, column, oneTable); !reuse.empty()) {
+      // A selected column is read where it is; the trailing field only says where.
+      hidden += ", NULL AS [" + label + " " + reuse + "]";
+    } else {
+      hidden += ", " + std::string(sql.substr(offsets[n], offsets[last + 1] - offsets[n])) + " AS [" + label + "]";
+    }
     size_t after = nextSolid(tokens, last + 1);
     if (after < tokens.size() && (isWord(tokens[after], "asc") || isWord(tokens[after], "desc"))) {
       term.descending = isWord(tokens[after], "desc");

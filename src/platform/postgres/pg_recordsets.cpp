@@ -12,6 +12,8 @@
 // first and finds a held row again by its autonumber (or, in a table without
 // one, by the values it was written with).
 #include <algorithm>
+#include <charconv>
+#include <type_traits>
 #include <cmath>
 #include <cstdlib>
 
@@ -32,6 +34,37 @@ namespace {
 constexpr Oid kBool = 16, kInt8 = 20, kInt2 = 21, kInt4 = 23, kText = 25, kOid = 26, kFloat4 = 700,
               kFloat8 = 701, kBpchar = 1042, kVarchar = 1043, kNumeric = 1700;
 
+// An integer as the server writes it: an optional '-', then digits (read up
+// to the first other character, as std::from_chars reads it). A loop of its
+// own: the library's general conversion costs several times more per cell,
+// and a whole target has hundreds of thousands of them.
+int64_t serverInteger(const char* s, int length) {
+  const char* end = s + length;
+  const bool negative = s != end && *s == '-';
+  if (negative) ++s;
+  if (s == end || end - s > 18) {
+    int64_t v = 0;  // empty, or long enough to overflow: the careful way
+    std::from_chars(negative ? s - 1 : s, end, v);
+    return v;
+  }
+  uint64_t v = 0;
+  for (; s != end; ++s) {
+    const auto digit = static_cast<unsigned>(*s - '0');
+    if (digit > 9) break;
+    v = v * 10 + digit;
+  }
+  return negative ? -static_cast<int64_t>(v) : static_cast<int64_t>(v);
+}
+
+bool isIntegerType(Oid type) { return type == kInt2 || type == kInt4 || type == kInt8 || type == kOid; }
+
+// A result field as a Value: fieldValue(), with integers read faster.
+Value cellValue(const PGresult* r, int row, int column) {
+  if (!isIntegerType(PQftype(r, column))) return fieldValue(r, row, column);
+  if (PQgetisnull(r, row, column)) return Value();
+  return Value(serverInteger(PQgetvalue(r, row, column), PQgetlength(r, row, column)));
+}
+
 FieldNames namesOf(const PGresult* r, std::string_view sql, int count) {
   FieldNames names;
   for (int i = 0; i < count; ++i) names.add(displayName(PQfname(r, i), sql));
@@ -47,6 +80,7 @@ class ForwardRecordset final : public Recordset {
         order_(std::move(order.rows)) {
     rows_ = PQntuples(result_.get());
     row_.resize(static_cast<size_t>(names_.size()));
+    loaded_.resize(static_cast<size_t>(names_.size()));
     load();
   }
 
@@ -78,14 +112,14 @@ class ForwardRecordset final : public Recordset {
     checkOpen();
     names_.checkIndex(index);
     if (pos_ >= rows_) throwNoCurrentRow();
-    return row_[static_cast<size_t>(index)];
+    return cell(index);
   }
 
   const Value& field(std::string_view name) override {
     checkOpen();
     int index = names_.require(name);
     if (pos_ >= rows_) throwNoCurrentRow();
-    return row_[static_cast<size_t>(index)];
+    return cell(index);
   }
 
   void close() override {
@@ -98,10 +132,21 @@ class ForwardRecordset final : public Recordset {
     if (closed_) throwClosed();
   }
 
+  // A row's values are read when asked for, each once: a reading loop
+  // rarely wants every field, and a read field costs a conversion.
   void load() {
     if (pos_ >= rows_) return;
-    const int row = order_.empty() ? pos_ : order_[static_cast<size_t>(pos_)];
-    for (int i = 0; i < names_.size(); ++i) row_[static_cast<size_t>(i)] = fieldValue(result_.get(), row, i);
+    rowIndex_ = order_.empty() ? pos_ : order_[static_cast<size_t>(pos_)];
+    std::fill(loaded_.begin(), loaded_.end(), 0);
+  }
+
+  const Value& cell(int index) {
+    const auto i = static_cast<size_t>(index);
+    if (!loaded_[i]) {
+      row_[i] = cellValue(result_.get(), rowIndex_, index);
+      loaded_[i] = 1;
+    }
+    return row_[i];
   }
 
   std::shared_ptr<Database> db_;
@@ -109,6 +154,8 @@ class ForwardRecordset final : public Recordset {
   FieldNames names_;
   std::vector<int> order_;
   std::vector<Value> row_;
+  std::vector<char> loaded_;  // which of row_ hold the current row's value
+  int rowIndex_ = 0;         // the current row in the result
   int rows_ = 0;
   int pos_ = 0;
   bool closed_ = false;
@@ -562,6 +609,111 @@ struct TermColumn {
   }
 };
 
+// The cells of a client-side result set: the server's result itself, kept
+// and read a cell at a time (a whole target's rows are never copied whole).
+class ResultCells final : public memory::CellSource {
+ public:
+  ResultCells(Result r, std::vector<int> order) : result_(std::move(r)), order_(std::move(order)) {}
+
+  size_t rowCount() const override { return static_cast<size_t>(PQntuples(result_.get())); }
+
+  void read(size_t row, int column, Value& out) const override {
+    out = cellValue(result_.get(), order_.empty() ? static_cast<int>(row) : order_[row], column);
+  }
+
+  // The types fieldValue() reads as integers (a boolean as -1 or 0).
+  bool integerColumn(int column) const override {
+    const Oid type = PQftype(result_.get(), column);
+    return isIntegerType(type) || type == kBool;
+  }
+
+  bool integerAt(size_t row, int column, int64_t& out) const override {
+    const PGresult* r = result_.get();
+    const int at = order_.empty() ? static_cast<int>(row) : order_[row];
+    if (PQgetisnull(r, at, column)) return false;
+    const char* s = PQgetvalue(r, at, column);
+    if (PQftype(r, column) == kBool) {
+      out = s[0] == 't' ? -1 : 0;
+    } else {
+      out = serverInteger(s, PQgetlength(r, at, column));
+    }
+    return true;
+  }
+
+ private:
+  Result result_;
+  std::vector<int> order_;  // empty: the result's own order
+};
+
+// Sorts `order` (the rows in the result's order) by one numeric term, as
+// TermColumn::compare orders them, on (value, row) pairs side by side: no
+// lookup through the row number per comparison.
+template <class Number>
+void sortPairs(const TermColumn& c, const std::vector<Number>& values, std::vector<int>& order) {
+  struct Entry {
+    Number value;
+    int row;
+    bool null;
+  };
+  std::vector<Entry> entries(order.size());
+  for (size_t i = 0; i < order.size(); ++i) {
+    entries[i] = {c.nulls[i] ? Number() : values[i], static_cast<int>(i), c.nulls[i] != 0};
+  }
+  auto ascending = [](const Entry& a, const Entry& b) {
+    if (a.null || b.null) return a.null && !b.null;  // nulls first
+    if constexpr (std::is_floating_point_v<Number>) {
+      if (std::isnan(a.value) || std::isnan(b.value)) return !std::isnan(a.value) && std::isnan(b.value);
+    }
+    return a.value < b.value;
+  };
+  if (c.term.descending) {
+    std::stable_sort(entries.begin(), entries.end(), [&](const Entry& a, const Entry& b) { return ascending(b, a); });
+  } else {
+    std::stable_sort(entries.begin(), entries.end(), ascending);
+  }
+  for (size_t i = 0; i < entries.size(); ++i) order[i] = entries[i].row;
+}
+
+void sortByNumber(const TermColumn& c, std::vector<int>& order) {
+  if (c.integer) {
+    sortPairs(c, c.integers, order);
+  } else {
+    sortPairs(c, c.reals, order);
+  }
+}
+
+// The field holding the values of the sort term whose trailing field is
+// `hidden`: that field itself, or the selected field its label names
+// (adaptSelect: "kavrel sort K field N", "kavrel sort K column NAME", for a
+// term that is a selected column). -1 when the named field is not there,
+// or not once.
+int sourceField(const PGresult* r, int visible, int hidden) {
+  const std::string_view label = PQfname(r, hidden);
+  constexpr std::string_view kPrefix = "kavrel sort ";
+  if (label.substr(0, kPrefix.size()) != kPrefix) return hidden;
+  const size_t space = label.find(' ', kPrefix.size());
+  if (space == std::string_view::npos) return hidden;
+  const std::string_view how = label.substr(space + 1);
+  if (how.substr(0, 6) == "field ") {
+    int field = -1;
+    const std::string_view digits = how.substr(6);
+    auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), field);
+    if (ec != std::errc() || end != digits.data() + digits.size() || field < 0 || field >= visible) return -1;
+    return field;
+  }
+  if (how.substr(0, 7) == "column ") {
+    const std::string_view name = how.substr(7);
+    int found = -1;
+    for (int f = 0; f < visible; ++f) {
+      if (name != PQfname(r, f)) continue;
+      if (found >= 0) return -1;
+      found = f;
+    }
+    return found;
+  }
+  return hidden;
+}
+
 }  // namespace
 
 std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector<ClientSortTerm>& terms) {
@@ -571,7 +723,8 @@ std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector
   for (size_t k = 0; k < terms.size(); ++k) {
     TermColumn& c = columns[k];
     c.term = terms[k];
-    const int f = first + static_cast<int>(k);
+    const int f = sourceField(r, first, first + static_cast<int>(k));
+    if (f < 0) return std::nullopt;
     const Oid type = PQftype(r, f);
     const bool text = type == kText || type == kVarchar || type == kBpchar;
     c.integer = type == kInt2 || type == kInt4 || type == kInt8 || type == kOid || type == kBool;
@@ -599,21 +752,50 @@ std::optional<std::vector<int>> clientOrder(const PGresult* r, const std::vector
       } else if (type == kBool) {
         c.integers[at] = v[0] == 't' ? 1 : 0;
       } else if (c.integer) {
-        c.integers[at] = std::strtoll(v, nullptr, 10);
+        c.integers[at] = serverInteger(v, PQgetlength(r, row, f));
       } else {
         // Exact decimals beyond a double's precision are not in the schema.
         c.reals[at] = std::strtod(v, nullptr);
       }
     }
   }
+  auto compareRows = [&](int a, int b) {
+    for (const TermColumn& c : columns) {
+      if (int d = c.compare(a, b)) return d;
+    }
+    return 0;
+  };
   std::vector<int> order(static_cast<size_t>(rows));
   for (int row = 0; row < rows; ++row) order[static_cast<size_t>(row)] = row;
-  std::stable_sort(order.begin(), order.end(), [&](int a, int b) {
-    for (const TermColumn& c : columns) {
-      if (int d = c.compare(a, b)) return d < 0;
+  // Rows are often stored in the order asked for already (written so):
+  // one pass tells, and sorting is then spared.
+  bool sorted = true;
+  for (int row = 1; row < rows && sorted; ++row) sorted = compareRows(row - 1, row) <= 0;
+  if (sorted) return order;
+  // By the first term, then each run of rows it leaves tied by the others:
+  // fewer comparisons of several terms, and a numeric first term sorts on
+  // side-by-side pairs. Both sorts are stable, so ties keep the server's order.
+  const TermColumn& lead = columns[0];
+  if (lead.term.name) {
+    std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return lead.compare(a, b) < 0; });
+  } else {
+    sortByNumber(lead, order);
+  }
+  if (columns.size() == 1) return order;
+  auto compareRest = [&](int a, int b) {
+    for (size_t k = 1; k < columns.size(); ++k) {
+      if (int d = columns[k].compare(a, b)) return d < 0;
     }
     return false;
-  });
+  };
+  for (size_t begin = 0; begin < order.size();) {
+    size_t end = begin + 1;
+    while (end < order.size() && lead.compare(order[begin], order[end]) == 0) ++end;
+    if (end - begin > 1) {
+      std::stable_sort(order.begin() + static_cast<long>(begin), order.begin() + static_cast<long>(end), compareRest);
+    }
+    begin = end;
+  }
   return order;
 }
 
@@ -624,17 +806,10 @@ std::unique_ptr<Recordset> makeForwardRecordset(std::shared_ptr<Database> db, Re
 
 std::unique_ptr<ClientRecordset> makeClientRecordset(std::shared_ptr<Database>, Result r, std::string_view sql,
                                                      RowOrder order) {
-  const PGresult* res = r.get();
-  const int fields = order.visible < 0 ? PQnfields(res) : order.visible;
-  const int rows = PQntuples(res);
-  int pos = 0;
-  return memory::makeClientRecordset(namesOf(res, sql, fields), [&](Value* out) {
-    if (pos >= rows) return false;
-    const int row = order.rows.empty() ? pos : order.rows[static_cast<size_t>(pos)];
-    for (int f = 0; f < fields; ++f) out[f] = fieldValue(res, row, f);
-    ++pos;
-    return true;
-  });
+  const int fields = order.visible < 0 ? PQnfields(r.get()) : order.visible;
+  FieldNames names = namesOf(r.get(), sql, fields);
+  auto cells = std::make_unique<ResultCells>(std::move(r), std::move(order.rows));
+  return memory::makeClientRecordset(std::move(names), std::move(cells));
 }
 
 std::unique_ptr<UpdatableRecordset> makeUpdatableRecordset(std::shared_ptr<Database> db, std::string_view sql) {
