@@ -539,7 +539,7 @@ std::string detail::datasWithFicheSql(int32_t address, int32_t targetid) {
 
 std::string detail::dataListsSql(int32_t targetid) {
   return "select Listes.* from Listes,données WHERE (Données.[Data Id]=Listes.[Data Id]) AND Données.[Target Id]=" +
-         num(targetid) + " ORDER BY [Valeur]";
+         num(targetid) + " ORDER BY Listes.[Data Id], [Valeur]";
 }
 
 void DataItems::dbReadAll(db::Connection& conn, const std::shared_ptr<TargetItem>& Ptarget) {

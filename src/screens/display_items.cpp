@@ -175,30 +175,34 @@ std::string onScreen(const char* table, int32_t screenId) {
 
 }  // namespace
 
+// Each statement is filtered per owner afterwards: sorted by the owner first,
+// so that an owner's rows lie together (in the same order among themselves),
+// which a client-side sort finds already in order and reads in one run.
 std::string displaysOfTargetSql(int32_t targetid, int32_t screenId) {
   return "SELECT [Display Id], [Screen Id], [Type Affich], [Left], [Top], [Height], [Width], [CaptionWidth], "
          "[FontName], [FontSize], [FontBold], [FontItalic], [FontColor], [Color] FROM Affichages WHERE "
          "[Target Id]=" +
-         std::to_string(targetid) + onScreen("", screenId) + " ORDER BY [Left], [Top], [Height], [Width], [Display Id]";
+         std::to_string(targetid) + onScreen("", screenId) +
+         " ORDER BY [Screen Id], [Left], [Top], [Height], [Width], [Display Id]";
 }
 
 std::string rangesOfTargetSql(int32_t targetid, int32_t screenId) {
   return "SELECT Seuils.[Display Id], Seuils.[Seuil], Seuils.[Couleur], Seuils.[SonFlag], Seuils.[Son] FROM "
          "Seuils INNER JOIN Affichages ON Seuils.[Display Id] = Affichages.[Display Id] WHERE "
          "Affichages.[Target Id]=" +
-         std::to_string(targetid) + onScreen("Affichages.", screenId) + " ORDER BY Seuils.[Seuil]";
+         std::to_string(targetid) + onScreen("Affichages.", screenId) + " ORDER BY Seuils.[Display Id], Seuils.[Seuil]";
 }
 
 std::string dataLinksOfTargetSql(int32_t targetid, int32_t screenId) {
   return "SELECT [Screen Id], [Display Id], [Type Affich], [Data Name], [Request Name] FROM Données_Aff "
          "WHERE [Target Id]=" +
-         std::to_string(targetid) + onScreen("", screenId) + " ORDER BY [Data Name]";
+         std::to_string(targetid) + onScreen("", screenId) + " ORDER BY [Display Id], [Data Name]";
 }
 
 std::string extraLinksOfTargetSql(int32_t targetid, int32_t screenId) {
   return "SELECT [Screen Id], [Display Id], [Type Affich], [Request Name], [LgVariable], [Param] FROM "
          "Extra_Aff WHERE [Target Id]=" +
-         std::to_string(targetid) + onScreen("", screenId) + " ORDER BY [Request Name]";
+         std::to_string(targetid) + onScreen("", screenId) + " ORDER BY [Display Id], [Request Name]";
 }
 
 db::ClientRecordset& DisplayReadBatch::filtered(std::unique_ptr<db::ClientRecordset>& rs, StatementOf sql,
