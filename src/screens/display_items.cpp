@@ -187,6 +187,14 @@ std::string displaysOfTargetSql(int32_t targetid, int32_t screenId) {
 }
 
 std::string rangesOfTargetSql(int32_t targetid, int32_t screenId) {
+  if (screenId < 0) {
+    // As the list entries of data items (dataListsSql): a range of display
+    // ids rather than a join, other targets' rows in between never asked for.
+    const std::string ofTarget = " FROM Affichages WHERE [Target Id]=" + std::to_string(targetid) + ")";
+    return "SELECT [Display Id], [Seuil], [Couleur], [SonFlag], [Son] FROM Seuils WHERE [Display Id] BETWEEN "
+           "(SELECT min([Display Id])" +
+           ofTarget + " AND (SELECT max([Display Id])" + ofTarget + " ORDER BY [Display Id], [Seuil]";
+  }
   return "SELECT Seuils.[Display Id], Seuils.[Seuil], Seuils.[Couleur], Seuils.[SonFlag], Seuils.[Son] FROM "
          "Seuils INNER JOIN Affichages ON Seuils.[Display Id] = Affichages.[Display Id] WHERE "
          "Affichages.[Target Id]=" +
