@@ -373,6 +373,27 @@ std::string readDataLink(const std::string& path) {
   connectionError(kErrFile, "The data link file '" + path + "' holds no connection string (expected after its [oledb] line)");
 }
 
+// The keys of a parsed connection string that say what it opens.
+struct OpenKeys {
+  std::string provider, dataSource, linkFile;
+};
+
+OpenKeys openKeysOf(const std::vector<std::pair<std::string, std::string>>& pairs) {
+  OpenKeys k;
+  for (const auto& [key, value] : pairs) {
+    if (key == "provider") k.provider = value;
+    else if (key == "data source") k.dataSource = value;
+    else if (key == "file name") k.linkFile = value;
+  }
+  return k;
+}
+
+// A path of a data link file's text, relative to the file's folder.
+std::string resolvedAgainst(const std::filesystem::path& baseDir, const std::string& p) {
+  std::filesystem::path path(p);
+  return (path.is_relative() && !baseDir.empty()) ? (baseDir / path).string() : p;
+}
+
 std::shared_ptr<Connection> openFrom(std::string_view connectionString, const std::string& description, int depth,
                                      const std::filesystem::path& baseDir) {
   std::string_view cs = trimBlanks(connectionString);
@@ -390,16 +411,8 @@ std::shared_ptr<Connection> openFrom(std::string_view connectionString, const st
     return sqlite::openDatabase(std::string(cs), description);
   }
 
-  std::string provider, dataSource, linkFile;
-  for (auto& [key, value] : pairs) {
-    if (key == "provider") provider = value;
-    else if (key == "data source") dataSource = value;
-    else if (key == "file name") linkFile = value;
-  }
-  auto resolve = [&](const std::string& p) {
-    std::filesystem::path path(p);
-    return (path.is_relative() && !baseDir.empty()) ? (baseDir / path).string() : p;
-  };
+  const auto [provider, dataSource, linkFile] = openKeysOf(pairs);
+  auto resolve = [&](const std::string& p) { return resolvedAgainst(baseDir, p); };
 
   if (!linkFile.empty()) {
     if (depth >= kMaxLinkDepth) {
@@ -469,7 +482,6 @@ void collectLocalFiles(std::string_view cs, int depth, const std::filesystem::pa
   cs = trimBlanks(cs);
   if (cs.empty() || postgres::isUri(cs)) return;
   std::vector<std::pair<std::string, std::string>> pairs;
-  std::string provider, dataSource, linkFile;
   if (cs.find('=') == std::string_view::npos || !parsePairs(cs, pairs) || pairs.empty() ||
       !isKnownKey(pairs.front().first)) {
     // A bare name ending in ".udl" is the data link the session opens.
@@ -479,17 +491,9 @@ void collectLocalFiles(std::string_view cs, int depth, const std::filesystem::pa
     }
     pairs = {{"file name", std::string(cs)}};
   }
-  for (auto& [key, value] : pairs) {
-    if (key == "provider") provider = value;
-    else if (key == "data source") dataSource = value;
-    else if (key == "file name") linkFile = value;
-  }
-  auto resolve = [&](const std::string& p) {
-    std::filesystem::path path(p);
-    return (path.is_relative() && !baseDir.empty()) ? (baseDir / path).string() : p;
-  };
+  const auto [provider, dataSource, linkFile] = openKeysOf(pairs);
   if (!linkFile.empty()) {
-    const std::string link = resolve(linkFile);
+    const std::string link = resolvedAgainst(baseDir, linkFile);
     files.push_back(link);
     if (depth >= kMaxLinkDepth) return;
     std::string inner;
@@ -502,7 +506,7 @@ void collectLocalFiles(std::string_view cs, int depth, const std::filesystem::pa
     return;
   }
   if (postgres::isProvider(provider) || dataSource.empty()) return;
-  files.push_back(resolve(dataSource));
+  files.push_back(resolvedAgainst(baseDir, dataSource));
 }
 
 }  // namespace
